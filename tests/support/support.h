@@ -1,0 +1,57 @@
+// support.h - what the tests share: fixture paths, scratch files, a
+// recorder for reports, and a guard that proves a call left nothing behind.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tolimage.h"
+
+namespace test {
+
+// Path of a committed fixture, relative to tests/fixtures.
+std::string Fixture(const std::string &relative);
+// Path of a bundled sample, relative to samples/.
+std::string Sample(const std::string &relative);
+// Whole contents of a file.
+std::vector<uint8_t> ReadFileBytes(const std::string &path);
+// A file in a fresh scratch directory holding `bytes`; returns its path.
+std::string WriteTemp(const std::string &name, const std::vector<uint8_t> &bytes);
+// Absolute path of the test's scratch directory (created on first use).
+std::string TempDir();
+
+// One report as the host's callback hears it.
+struct Report {
+    std::string title;
+    std::string text;
+    int32_t withSystemText;
+};
+
+// Installs a recording callback with the given flags for its lifetime, and
+// restores the library's defaults (continue 1, box 1, abort 1, no callback)
+// and a clear error state afterwards.
+struct Recorder {
+    explicit Recorder(int32_t cont = 1, int32_t box = 0, int32_t abort = 1);
+    ~Recorder();
+    std::vector<Report> reports;
+};
+
+// Sets quiet defaults (no box, no callback), clears the error state.
+void QuietDefaults();
+
+// Counts live blocks and open files at construction; Same() tells whether
+// both are as they were.
+struct LeakGuard {
+    LeakGuard();
+    bool Same() const;
+    int32_t blocks;
+    int32_t files;
+};
+
+// Copy of a block's bytes (locks and unlocks it).
+std::vector<uint8_t> BlockBytes(TL_HANDLE block);
+// Frees a block that is unlocked (GlobalFree) or still locked once.
+void FreeBlock(TL_HANDLE block, bool locked = false);
+
+}  // namespace test
