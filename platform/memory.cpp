@@ -169,6 +169,7 @@ void *Allocate(UINT flags, uintptr_t bytes) {
     // undefined, and a fill pattern makes reliance on zeros show.
     if (!(flags & LMEM_ZEROINIT)) std::memset(data, UndefinedFill, bytes);
     const bool fixed = !(flags & LMEM_MOVEABLE);
+    TL_POISON(guard, page);  // so that the sanitizer names an overrun instead of a bare fault
     if (fixed) {
         TL_POISON(data + bytes, rounded - bytes);  // only the slack
     } else {
@@ -234,7 +235,7 @@ void *Free(void *handle) {
         SetLastError(EINVAL);
         return handle;
     }
-    TL_UNPOISON(block->mapping, block->mappingBytes - PageSize());
+    TL_UNPOISON(block->mapping, block->mappingBytes);  // the shadow outlives the mapping
     munmap(block->mapping, block->mappingBytes);
     uint32_t slot = uint32_t(block - table.data());
     if (block->fixed) fixedSlots.erase(reinterpret_cast<uintptr_t>(block->data));
