@@ -47,6 +47,24 @@ TEST(MovableMemory, BlocksAreLowAlignedZeroedAndSized) {
     }
 }
 
+TEST(MovableMemory, ReusedMemoryIsZeroedAgain) {
+    // Freed blocks may come back at the same place; GHND must still give zeros.
+    for (uintptr_t size : {100u, 4096u, 70000u}) {
+        for (int round = 0; round < 3; round++) {
+            TL_HANDLE dirty = GlobalAlloc(GMEM_MOVEABLE, size);
+            std::memset(GlobalLock(dirty), 0xEE, size);
+            GlobalUnlock(dirty);
+            GlobalFree(dirty);
+            TL_HANDLE clean = GlobalAlloc(GHND, size);
+            auto *bytes = static_cast<uint8_t *>(GlobalLock(clean));
+            std::vector<uint8_t> zeros(size, 0);
+            EXPECT_EQ(std::memcmp(bytes, zeros.data(), size), 0) << size;
+            GlobalUnlock(clean);
+            GlobalFree(clean);
+        }
+    }
+}
+
 TEST(MovableMemory, LockCountsAndResults) {
     TL_HANDLE block = GlobalAlloc(GHND, 64);
     void *first = GlobalLock(block);
