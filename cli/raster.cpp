@@ -95,10 +95,14 @@ constexpr const char *Quadrants[16] = {" ", "▘", "▝", "▀", "▖", "▌", "
 
 // Draws the raster, each character cell standing for 2 x 2 quadrants.  A
 // terminal cell is about twice as tall as wide, so a quadrant covers
-// `scale` pixels across and twice that down.  A quadrant is ink when at
-// least an eighth of its pixels are dark, which keeps lines of small print
-// visible at a strong reduction.
+// `across` pixels across and twice that down.  A quadrant is ink when a
+// quarter of its pixels are dark -- or, on a sparse page, twice the page's
+// share of dark pixels, so that lines of small print stay visible at a
+// strong reduction while a dark (inverted) page still shows as dark.
 void Draw(const HostView &view, int columns, bool colour) {
+    uint64_t pageDark = 0;
+    for (int32_t y = 0; y < view.rows; ++y) pageDark += CountDark(view.bits + size_t(y) * view.packed, 0, view.columns);
+    const double inkShare = std::min(0.25, 2.0 * double(pageDark) / (double(view.rows) * view.columns));
     const int32_t across = std::max(1, (view.columns + 2 * columns - 1) / (2 * columns));
     const int32_t down = 2 * across;
     const int32_t quadColumns = (view.columns + across - 1) / across;
@@ -124,7 +128,7 @@ void Draw(const HostView &view, int columns, bool colour) {
                 const int32_t width = std::max(0, std::min(view.columns, (q + 1) * across) - q * across);
                 if (q >= quadColumns || height == 0) continue;
                 const uint32_t count = dark[size_t(part >= 2 ? quadColumns : 0) + size_t(q)];
-                if (count > 0 && count * 8 >= uint32_t(width * height)) index |= 1 << part;
+                if (count > 0 && double(count) >= inkShare * width * height) index |= 1 << part;
             }
             line += Quadrants[index];
         }
@@ -143,10 +147,17 @@ int RasterCommand(const char *file, const char *outPbm) {
     bool written = out != nullptr;
     if (out) {
         // PBM's 1 is black, as the raster's set bit is dark, and its rows
-        // are packed to whole bytes: the raster's rows go out as they are.
+        // are packed to whole bytes: the raster's rows go out as they are,
+        // but for the bits past the last column, which are cleared so that
+        // the same image always gives the same file.
         fprintf(out, "P4\n%d %d\n", int(view.columns), int(view.rows));
-        const size_t bytes = size_t(view.rows) * size_t(view.packed);
-        written = fwrite(view.bits, 1, bytes, out) == bytes;
+        const uint8_t lastMask = uint8_t(0xFF00u >> (view.columns % 8 ? view.columns % 8 : 8));
+        std::vector<uint8_t> row(size_t(view.packed));
+        for (int32_t y = 0; y < view.rows && written && view.packed > 0; ++y) {
+            std::memcpy(row.data(), view.bits + size_t(y) * view.packed, row.size());
+            row.back() &= lastMask;
+            written = fwrite(row.data(), 1, row.size(), out) == row.size();
+        }
         written = fclose(out) == 0 && written;
     }
     ReleaseHostView(view);
