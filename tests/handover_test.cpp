@@ -445,6 +445,20 @@ TEST(Handover, FailuresGiveBackEveryBlockAndLeaveTheRecord) {
         ASSERT_EQ(recorder.reports.size(), 1u);
         EXPECT_EQ(recorder.reports[0].text, "Image Lock Error");
     }
+    // A handle already given back cannot be locked; the record stays.
+    {
+        test::Recorder recorder;
+        TL_HANDLE stale = GlobalAlloc(GHND, 64);
+        GlobalFree(stale);
+        test::LeakGuard guard;
+        Record record;
+        EXPECT_EQ(TLC_BITMAP_E(record.data(), stale), nullptr);
+        EXPECT_TRUE(guard.Same());
+        EXPECT_TRUE(record.Untouched());
+        ASSERT_EQ(recorder.reports.size(), 1u);
+        EXPECT_EQ(recorder.reports[0].title, "TLx_BITMAP");
+        EXPECT_EQ(recorder.reports[0].text, "Image Lock Error");
+    }
     // NULL bitmap: 0 with the error state as it stood.
     {
         test::Recorder recorder;
@@ -522,6 +536,20 @@ TEST(Handover, UnsoundBitmapsStayInsideTheirBlocks) {
         test::FreeBlock(block, true);
     }
 
+    // A width of 0 gives a raster of empty rows on both paths.
+    for (Path path : {Path::Image, Path::Bitmap}) {
+        Dib dib;
+        dib.width = 0;
+        dib.height = 3;
+        dib.palette = {White, Black};
+        Record record;
+        TL_HANDLE block = HandOver(path, record, dib);
+        ASSERT_NE(block, nullptr);
+        EXPECT_EQ(record.Rows(), 3);
+        EXPECT_EQ(record.Columns(), 0);
+        test::FreeBlock(block, true);
+    }
+
     // A negative height is a top-down bitmap on both paths.
     for (Path path : {Path::Image, Path::Bitmap}) {
         Dib dib;
@@ -563,12 +591,14 @@ TEST(Handover, UnsoundBitmapsStayInsideTheirBlocks) {
         dib.clrUsed = 3;
         dib.width = 9;
         dib.height = 3;
-        dib.palette = {White, Black, {0, 0, 200}};
+        dib.palette = {Black, White, {0, 0, 200}};
         dib.pixel = [](int32_t x, int32_t) { return uint32_t(x); };
         Record record;
         TL_HANDLE block = HandOver(Path::Bitmap, record, dib);
         ASSERT_NE(block, nullptr);
-        ExpectRaster(record, 3, 9, [](int32_t x, int32_t) { return x == 1 || x == 2; });
+        ExpectRaster(record, 3, 9, [](int32_t x, int32_t) { return x == 0 || x == 2; });
+        // The padding nibble after pixel 8 is index 0, black, but no pixel.
+        EXPECT_EQ(record.At(TL_RECORD_PIXELS)[1], 0);
         test::FreeBlock(block, true);
     }
 
