@@ -38,6 +38,23 @@ printf 'B' > "$out/one.bin"
 expect 1 "$tool" info "$out/one.bin"
 grep -q "tolimage: ReadIMG: $out/one.bin" "$out/stderr" || { echo "FAIL: report on stderr"; cat "$out/stderr"; fail=1; }
 
+# The host raster: as PBM it is the pattern the fixtures were made from,
+# whichever palette order the file has; drawn, the pattern's dark corner
+# stands at the top left.
+for f in handover_black_first handover_white_first; do
+    expect 0 "$tool" raster "$fixtures/bmp/$f.bmp" "$out/$f.pbm"
+    cmp -s "$out/$f.pbm" "$fixtures/bmp/handover_pattern.pbm" || { echo "FAIL: raster of $f"; fail=1; }
+done
+COLUMNS=20 expect 0 "$tool" show "$fixtures/bmp/handover_black_first.bmp"
+[ "$(sed -n 2p "$out/stdout")" = "██████████▀▜  ▗  ▗ " ] || { echo "FAIL: show's first line"; cat "$out/stdout"; fail=1; }
+[ "$(wc -l < "$out/stdout")" = 7 ] || { echo "FAIL: show's line count"; fail=1; }
+COLUMNS=10 expect 0 "$tool" show "$fixtures/bmp/handover_black_first.bmp"
+[ "$(sed -n 2p "$out/stdout")" = "████▀▀    " ] || { echo "FAIL: show at 10 columns"; cat "$out/stdout"; fail=1; }
+COLUMNS=80 expect 0 "$tool" show "$samples/sample.bmp"
+[ "$(sed -n 2p "$out/stdout" | wc -m)" -le 81 ] || { echo "FAIL: show wider than 80 columns"; fail=1; }
+expect 1 "$tool" show "$out/one.bin"
+expect 1 "$tool" raster "$out/one.bin" "$out/none.pbm"
+
 expect 2 "$tool"
 expect 2 "$tool" frobnicate x
 expect 2 "$tool" convert only-one-arg
