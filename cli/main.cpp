@@ -1,0 +1,70 @@
+// tolimage - look at what the TolImage library makes of image files.
+//
+//   tolimage info FILE...       format, size, depth, colours, resolution
+//   tolimage convert FILE OUT   a 1-bit image as PBM, any other as PPM
+//
+// Exit status: 0 when every file loaded, 1 when one did not, 2 on bad usage.
+// The library's reports go to standard error.
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "cli/image_file.h"
+#include "tolimage_posix.h"
+
+namespace {
+
+int Usage() {
+    fprintf(stderr,
+            "usage: tolimage info FILE...\n"
+            "       tolimage convert FILE OUT\n");
+    return 2;
+}
+
+int Info(int count, char **files) {
+    int status = 0;
+    for (int i = 0; i < count; ++i) {
+        std::string path = files[i];
+        TL_HANDLE block = cli::LoadImage(path, 0);
+        cli::Bitmap bitmap;
+        if (!block || !cli::CopyBitmap(block, bitmap)) {
+            if (block) GlobalFree(block);
+            printf("%s: %s, not loaded\n", path.c_str(), cli::FormatOf(path).c_str());
+            status = 1;
+            continue;
+        }
+        GlobalFree(block);
+        int32_t rows = bitmap.height < 0 ? -bitmap.height : bitmap.height;
+        printf("%s: %s, %d x %d, %u bpp, %u colours, %d x %d pixels/m\n", path.c_str(), cli::FormatOf(path).c_str(),
+               bitmap.width, rows, unsigned(bitmap.bits), unsigned(bitmap.colours), bitmap.xPelsPerMeter,
+               bitmap.yPelsPerMeter);
+    }
+    return status;
+}
+
+int Convert(const std::string &path, const std::string &out) {
+    TL_HANDLE block = cli::LoadImage(path, 0);
+    if (!block) return 1;
+    cli::Bitmap bitmap;
+    bool copied = cli::CopyBitmap(block, bitmap);
+    GlobalFree(block);
+    if (!copied || bitmap.compression != 0) {
+        fprintf(stderr, "tolimage: %s: pixel data this tool cannot show\n", path.c_str());
+        return 1;
+    }
+    if (!cli::WriteBitmap(bitmap, out)) {
+        fprintf(stderr, "tolimage: cannot write %s\n", out.c_str());
+        return 1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    if (argc < 3) return Usage();
+    cli::ReportToStderr();
+    if (strcmp(argv[1], "info") == 0) return Info(argc - 2, argv + 2);
+    if (strcmp(argv[1], "convert") == 0 && argc == 4) return Convert(argv[2], argv[3]);
+    return Usage();
+}
