@@ -18,6 +18,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 
 // The working record of the decoders; it lives in TiffImage's ccittBlock,
 // followed by a guard byte of 0 and the reference line when the image has
@@ -104,9 +105,9 @@ uint32_t FaxReadTagBit();             // the masked bit: zero or non-zero
 // code word, -3 data exhausted.
 int32_t FaxDecodeRun(int32_t colour);
 // Sets count (> 0) pixels from pixel start of row to 1.
-void FaxSetSpan(uint8_t *row, int32_t start, int32_t count);
-// The same for a span past its first byte; dest holds pixel start.
-void FaxFillSpan(uint8_t *dest, int32_t start, int32_t count);
+inline void FaxSetSpan(uint8_t *row, int32_t start, int32_t count);
+// The same for a span past the end of its first byte; dest holds pixel start.
+inline void FaxFillSpan(uint8_t *dest, int32_t start, int32_t count);
 // One one-dimensional row into a cleared row: 1 done, -1 ended short, -3 no data.
 int32_t FaxDecodeRow1D(uint8_t *row, int32_t width);
 
@@ -121,3 +122,34 @@ int32_t FaxFindZeros(const uint8_t *line, int32_t start, int32_t end);
 int32_t FaxFindOnes(const uint8_t *line, int32_t start, int32_t end);
 // Next uncompressed-mode code word: 2..12 or 14, 13 with no data left.
 int32_t FaxReadUncompressedCode();
+
+// ---- inline definitions ----
+
+inline void FaxFillSpan(uint8_t *dest, int32_t start, int32_t count) {
+    int32_t k = start & 7;
+    if (k != 0) {
+        *dest++ |= uint8_t(0xFFu >> k);
+        count -= 8 - k;
+    }
+    uint32_t bytes = uint32_t(count) >> 3;
+    // From 8 whole bytes on: single bytes up to a 4-byte boundary of the
+    // address, then words of all ones, then the last bytes singly.
+    if (bytes >= 8) {
+        while (reinterpret_cast<uintptr_t>(dest) & 3) {
+            *dest++ = 0xFF;
+            --bytes;
+        }
+        const uint32_t ones = 0xFFFFFFFFu;
+        for (; bytes >= 4; bytes -= 4, dest += 4) std::memcpy(dest, &ones, 4);
+    }
+    for (; bytes > 0; --bytes) *dest++ = 0xFF;
+    if (count & 7) *dest |= FaxLeftMask[count & 7];
+}
+
+inline void FaxSetSpan(uint8_t *row, int32_t start, int32_t count) {
+    int32_t k = start & 7;
+    if (count <= 8 - k)
+        row[start >> 3] |= uint8_t(FaxLeftMask[count] >> k);
+    else
+        FaxFillSpan(row + (start >> 3), start, count);
+}

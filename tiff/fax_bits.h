@@ -116,34 +116,6 @@ inline int32_t FaxDecodeRun(FaxBits &bits, int32_t colour) {
     }
 }
 
-inline void FaxFillSpanBytes(uint8_t *dest, uint32_t bytes) {
-    // Single bytes up to a 4-byte boundary, then words of all ones.
-    if (bytes >= 8) {
-        while (reinterpret_cast<uintptr_t>(dest) & 3) {
-            *dest++ = 0xFF;
-            --bytes;
-        }
-        const uint32_t ones = 0xFFFFFFFFu;
-        for (; bytes >= 4; bytes -= 4, dest += 4) std::memcpy(dest, &ones, 4);
-    }
-    while (bytes--) *dest++ = 0xFF;
-}
-
-inline void FaxSetSpan(uint8_t *row, int32_t start, int32_t count) {
-    int32_t k = start & 7;
-    if (count <= 8 - k) {
-        row[start >> 3] |= uint8_t(FaxLeftMask[count] >> k);
-        return;
-    }
-    uint8_t *dest = row + (start >> 3);
-    if (k != 0) {
-        *dest++ |= uint8_t(0xFFu >> k);
-        count -= 8 - k;
-    }
-    FaxFillSpanBytes(dest, uint32_t(count) >> 3);
-    if (count & 7) dest[count >> 3] |= FaxLeftMask[count & 7];
-}
-
 // The search of FaxFindZeros (skip 0x00) and FaxFindOnes (skip 0xFF).
 template <bool Ones>
 inline int32_t FaxFindSpan(const uint8_t *line, int32_t start, int32_t end) {
