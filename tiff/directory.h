@@ -107,15 +107,19 @@ int32_t TiffOpen(const char *name);
 int32_t TiffReadDirectory();
 // Takes one value from an entry and stores it by its tag; 1 or 0 (no message).
 int32_t FetchField(TiffDirEntry *entry);
-// Stores a value (two for a rational) in the field of `tag`; other tags are
+// Stores a value in the field of `tag`: `words` is 1 for a value of 4 bytes
+// and 2 for a rational (numerator, denominator).  A 16-bit field takes the
+// low 16 bits, a single-number field the numerator.  Other tags are
 // ignored.  Always 1.
-int32_t SetDirectoryField(uint16_t tag, const uint32_t *value);
+int32_t SetDirectoryField(uint16_t tag, const uint32_t *value, uint32_t words);
 // Fills a strip table from an entry whose count must be `expected`; 1 or 0.
 int32_t FetchStripArray(TiffDirEntry *entry, uint32_t expected, uint32_t *table);
+// `out` holds TiffMaxStrips values.
 int32_t FetchShortArray(TiffDirEntry *entry, uint16_t *out);
 int32_t FetchLongArray(TiffDirEntry *entry, uint32_t *out);
-// Reads an entry's values from the file; bytes read, 0 on failure (reported).
-uint32_t FetchArrayData(TiffDirEntry *entry, void *out);
+// Reads an entry's values from the file into `out` of `capacity` bytes;
+// bytes read, 0 on failure (reported).
+uint32_t FetchArrayData(TiffDirEntry *entry, void *out, uint32_t capacity);
 // Sets stripByteCounts[0] for a one-strip image that lacks a usable count.
 void EstimateStripByteCount(const TiffDirEntry *entries, uint32_t entryCount);
 // Releases the decoders, the strip buffer and the file.  Safe to repeat.
