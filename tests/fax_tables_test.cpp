@@ -124,11 +124,14 @@ TEST(FaxTables, StorageAndShape) {
     shape(FaxModeTable.data(), FaxModeRows, FaxModeEolBegun, FaxModeRows);
     shape(FaxUncompressedTable.data(), FaxUncompressedRows, uint32_t(FaxUncInvalid), FaxUncompressedRows);
     // A black begun word is named by its row minus 8.
-    for (uint32_t r = 8; r < 16; ++r)
+    for (uint32_t r = 8; r < 16; ++r) {
         for (uint32_t c = 0; c < 256; ++c) {
             uint32_t e = uint32_t(FaxRunTable[r * 256 + c] ^ FaxTableKey(r));
-            if ((e >> 8) == 0) ASSERT_GE((e & 0xFF) + 8, 16u + 107u);
+            if ((e >> 8) == 0) {
+                ASSERT_GE((e & 0xFF) + 8, 16u + 107u);
+            }
         }
+    }
 }
 
 TEST(FaxTables, SmallTables) {
