@@ -143,14 +143,17 @@ uint32_t TiffTypeSize(uint16_t type) {
 }
 
 void SwapShort(void *p) {
-    auto *b = static_cast<uint8_t *>(p);
-    std::swap(b[0], b[1]);
+    uint16_t v;
+    std::memcpy(&v, p, 2);
+    v = __builtin_bswap16(v);
+    std::memcpy(p, &v, 2);
 }
 
 void SwapLong(void *p) {
-    auto *b = static_cast<uint8_t *>(p);
-    std::swap(b[0], b[3]);
-    std::swap(b[1], b[2]);
+    uint32_t v;
+    std::memcpy(&v, p, 4);
+    v = __builtin_bswap32(v);
+    std::memcpy(p, &v, 4);
 }
 
 void SwapShortArray(void *p, uint32_t n) {
