@@ -1,0 +1,175 @@
+// fax2d.cpp - two-dimensional rows (T.4 two-dimensional coding, T.6) and
+// the row driver of compression 4.
+//
+// A row is decoded against the reference line (the row before, white at a
+// strip's start) by mode codes.  a0 is the pixel reached, colour the colour
+// of the run that starts there; b1 and b2 are found on the reference line by
+// FaxFindSpan, which reads the guard byte before the line for the positions
+// -8..-1, all white.
+#include <cstring>
+
+#include "tiff/directory.h"
+#include "tiff/fax.h"
+#include "tiff/fax_bits.h"
+
+namespace {
+
+// The next change of the reference line to the colour opposite `colour`
+// strictly right of a0 (b1): the pixels of the opposite colour that a0 may
+// stand on are passed first, then those of a0's colour.
+inline int32_t FaxFindB1(const uint8_t *ref, int32_t a0, int32_t colour, int32_t width) {
+    if (colour == 0) {
+        int32_t s = a0 + FaxFindSpan<true>(ref, a0, width);
+        return s + FaxFindSpan<false>(ref, s, width);
+    }
+    int32_t s = a0 + FaxFindSpan<false>(ref, a0, width);
+    return s + FaxFindSpan<true>(ref, s, width);
+}
+
+// The change behind b1 (b2).
+inline int32_t FaxFindB2(const uint8_t *ref, int32_t b1, int32_t colour, int32_t width) {
+    return colour == 0 ? b1 + FaxFindSpan<true>(ref, b1, width) : b1 + FaxFindSpan<false>(ref, b1, width);
+}
+
+// Black pixels from a0 (from 0 while a0 is before the row) up to `to`,
+// clipped at width: a vertical code may put a1 up to three pixels behind
+// the row's end, and those pixels are never written, not even into the
+// bits of the last byte behind pixel width - 1.
+inline void FaxBlackTo(uint8_t *row, int32_t a0, int32_t to, int32_t width) {
+    int32_t start = a0 < 0 ? 0 : a0;
+    if (to > width) to = width;
+    if (to > start) FaxSetSpan(row, start, to - start);
+}
+
+// What ends a row: under compression 3 the search for its EOL.
+inline int32_t FaxEndRow2D(FaxBits &bits, int32_t a0, int32_t width) {
+    if (faxScheme == TiffCompressionCcittG3) FaxSkipToEol(bits, 0);
+    return a0 < width ? -1 : 1;
+}
+
+}  // namespace
+
+int32_t FaxDecodeRow2D(FaxBits &bits, uint8_t *row, const uint8_t *ref, int32_t width) {
+    const uint16_t *modes = FaxModeTable.data();
+    int32_t a0 = -1;
+    int32_t colour = 0;
+    // A state of a begun code of another table is left only when the data
+    // ran out; it is read as "byte used up".
+    if (bits.position >= int32_t(FaxModeRows)) bits.position = 0;
+    for (;;) {
+        // One mode code: a look-up per byte it touches.
+        uint32_t s = uint32_t(bits.position);
+        uint32_t entry;
+        for (;;) {
+            if (s == 0 || s > 7) {
+                if (!FaxFetchByte(bits)) {
+                    bits.position = int32_t(s);
+                    FaxReportUnexpectedCode();
+                    return -3;
+                }
+            }
+            entry = FaxLookup(modes, s, bits.curByte);
+            s = entry & 0xFFu;
+            if (entry >> 8) break;
+        }
+        bits.position = int32_t(s);
+        uint32_t action = entry >> 8;
+        if (action >= 3 && action <= 9) {
+            // Vertical: a1 = b1 + action - 6; the run up to a1 has colour.
+            int32_t a1 = FaxFindB1(ref, a0, colour, width) + int32_t(action) - 6;
+            if (colour) FaxBlackTo(row, a0, a1, width);
+            a0 = a1;  // may move back by up to three pixels; set pixels stay
+            colour ^= 1;
+        } else if (action == FaxModeHorizontal) {
+            int32_t first = FaxDecodeRun(bits, colour ? FaxBlack : 0);
+            int32_t second = FaxDecodeRun(bits, colour ? 0 : FaxBlack);
+            if (first >= 0 && second >= 0) {
+                if (a0 < 0) a0 = 0;
+                if (first > width - a0) first = width - a0;
+                if (colour && first > 0) FaxSetSpan(row, a0, first);
+                a0 += first;
+                if (second > width - a0) second = width - a0;
+                if (!colour && second > 0) FaxSetSpan(row, a0, second);
+                a0 += second;
+            }
+            // A negative run drops both, silently; the bit position stays
+            // where the run decoder left it.
+        } else if (action == FaxModePass) {
+            int32_t b1 = FaxFindB1(ref, a0, colour, width);
+            int32_t b2 = FaxFindB2(ref, b1, colour, width);
+            if (colour) FaxBlackTo(row, a0, b2, width);
+            a0 = b2;
+        } else if (action == FaxModeUncompressed) {
+            // Pixels are written only below width, and a0 is held at width:
+            // the codes of this mode aren't checked against the row's end,
+            // and whatever lies behind it ends the row at the exit code.
+            if (a0 < 0) a0 = 0;
+            for (;;) {
+                int32_t code = FaxReadUncompressedCode(bits);
+                if (code >= FaxUncBlack1 && code < FaxUncWhite5) {
+                    int32_t pixel = a0 + code - FaxUncBlack1;
+                    if (pixel < width) row[pixel >> 3] |= FaxBitMask[pixel & 7];
+                    a0 = pixel + 1 < width ? pixel + 1 : width;
+                } else if (code == FaxUncWhite5) {
+                    a0 = a0 + 5 < width ? a0 + 5 : width;
+                } else if (code >= FaxUncExit0 && code < FaxUncNoData) {
+                    a0 = a0 + code - FaxUncExit0 < width ? a0 + code - FaxUncExit0 : width;
+                    colour = FaxReadTagBit(bits) != 0 ? 1 : 0;
+                    break;
+                } else if (code == FaxUncNoData) {
+                    FaxReportUnexpectedCode();
+                    return -3;
+                } else {
+                    FaxReportUnexpectedCode();
+                    return FaxEndRow2D(bits, a0, width);
+                }
+            }
+        } else if (action == FaxModeEolBegun) {
+            if (faxScheme == TiffCompressionCcittG3) {
+                FaxSkipToEol(bits, 7);  // the seven zero bits count for the EOL
+                return 1;
+            }
+            FaxReportUnexpectedCode();
+            return FaxEndRow2D(bits, a0, width);
+        } else if (action == FaxModeInvalid) {
+            FaxReportUnexpectedCode();
+            return FaxEndRow2D(bits, a0, width);
+        } else {
+            FaxReportUnexpectedCode();  // an action the table doesn't give
+            return 0;
+        }
+        if (a0 >= width) return FaxEndRow2D(bits, a0, width);
+    }
+}
+
+int32_t FaxDecodeRowsG4(uint8_t *row, int32_t size) {
+    if (size > 0) std::memset(row, 0, size_t(size));
+    if (size < 1 || faxState == nullptr || faxState->refLine == nullptr) return 1;
+    const uint32_t rowBytes = faxState->rowBytes;
+    const int32_t width = int32_t(faxState->rowPixels);
+    if (rowBytes == 0) return 1;
+    uint8_t *ref = faxState->refLine;
+    FaxBits bits;
+    bits.cursor = TiffImage.rawCursor;
+    bits.left = TiffImage.rawLeft;
+    bits.curByte = faxState->curByte;
+    bits.position = faxState->position;
+    bits.byteMap = faxState->byteMap;
+    int32_t result = 1;
+    while (uint32_t(size) >= rowBytes) {
+        int32_t rowResult = FaxDecodeRow2D(bits, row, ref, width);
+        if (rowResult < 0) {
+            result = rowResult == -3 ? 1 : 0;
+            break;
+        }
+        std::memcpy(ref, row, rowBytes);
+        row += rowBytes;
+        size -= int32_t(rowBytes);
+        if (size != 0) ++TiffImage.currentRow;
+    }
+    TiffImage.rawCursor = const_cast<uint8_t *>(bits.cursor);
+    TiffImage.rawLeft = bits.left;
+    faxState->curByte = uint16_t(bits.curByte);
+    faxState->position = int16_t(bits.position);
+    return result;
+}
