@@ -585,6 +585,36 @@ TEST(TiffLines, BadStripByteCountsRefuseTheImageWhenReached) {
     test::FreeBlock(r.block);
 }
 
+TEST(TiffLines, DamagedStripsFailCleanly) {
+    test::QuietDefaults();
+    // CLEAR, 'A', EOI at 9 bits (MSB first), for rows of 4 bytes.
+    const std::vector<uint8_t> lzwShort = {0x80, 0x10, 0x60, 0x20};
+    struct Case {
+        const char *what;
+        TiffBuilder file;
+        std::vector<std::string> texts;
+    } cases[] = {
+        {"LZW row cut by EOI", TiffBuilder::Bilevel(32, 1, 5, {lzwShort}),
+         {"Unexpected code in line 0", "TIFFDecodeLine failed"}},
+        {"LZW strip in the reversed bit order", TiffBuilder::Bilevel(32, 1, 5, {{0x00, 0x01, 0x02}}),
+         {"TIFFDecodeLine failed"}},
+        {"LZW second strip cut", TiffBuilder::Bilevel(8, 2, 5, {lzwShort, {0x80, 0x40, 0x40}}, 1),
+         {"Unexpected code in line 1", "TIFFDecodeLine failed"}},
+        {"PackBits input short", TiffBuilder::Bilevel(32, 2, 32773, {{0x03, 1, 2, 3, 4, 0x01, 5}}),
+         {"Internal allocation error in line 1", "TIFFDecodeLine failed"}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        test::LeakGuard guard;
+        Loaded r = LoadQuiet(Write(c.file));
+        EXPECT_EQ(r.block, nullptr);
+        std::vector<std::string> texts;
+        for (auto &report : r.reports) texts.push_back(report.text);
+        EXPECT_EQ(texts, c.texts);
+        EXPECT_TRUE(guard.Same()) << "strip buffer, LZW state and file released";
+    }
+}
+
 TEST(TiffLines, HugeSizesAreOutOfMemoryNotOverflow) {
     test::QuietDefaults();
     for (auto size : {std::pair<uint32_t, uint32_t>{0xFFFFFFFFu, 0xFFFFFFFFu}, {0x80000000u, 1}, {1, 0x80000000u},
