@@ -668,9 +668,13 @@ TEST(TiffReader, WalksAndMemo) {
         ASSERT_EQ(rec.reports.size(), 1u);
         EXPECT_EQ(rec.reports[0].text, "TL_OPEN  empty filename");
     }
-    // A null name resets the memo and leaves the file state alone.
-    EXPECT_EQ(ReadTIF(nullptr, 0), nullptr);
-    ErrorClear();
+    // A null name resets the memo, quietly, and leaves the reader's file alone.
+    {
+        test::Recorder rec;
+        EXPECT_EQ(ReadTIF(nullptr, 0), nullptr);
+        EXPECT_TRUE(rec.reports.empty());
+        EXPECT_EQ(TiffImage.tiffFile, NoFile);
+    }
 }
 
 }  // namespace
