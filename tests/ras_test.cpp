@@ -11,6 +11,7 @@
 #include "core/image.h"
 #include "platform/win32.h"
 #include "readers/ras.h"
+#include "support/pnm.h"
 #include "support/ras_writer.h"
 #include "support/support.h"
 
@@ -498,6 +499,39 @@ TEST(RasPixels, RecordsOfTheirOwnSizeDifferAndFixedOnesMayBeSmaller) {
     for (const auto &pic : small) ExpectImage(Load(path, -1), pic, fixed);
     EXPECT_EQ(Load(path, -1), nullptr);
     ExpectImage(Load(path, 2), small[2], fixed);
+    EXPECT_TRUE(guard.Same());
+}
+
+// ---- the bundled samples, written by an independent writer ----
+
+TEST(RasSamples, TheSamplesShowTheirSourcePictures) {
+    test::QuietDefaults();
+    test::LeakGuard guard;
+    struct Sample {
+        const char *file;
+        std::vector<const char *> sources;
+        uint16_t bits;
+    };
+    const Sample samples[] = {{"multi.ras", {"page1.pbm", "page2.pbm", "page3.pbm"}, 1},
+                              {"colour16.ras", {"colour16.ppm"}, 4}};
+    for (const Sample &sample : samples) {
+        SCOPED_TRACE(sample.file);
+        std::string path = test::Sample(sample.file);
+        for (const char *source : sample.sources) {
+            SCOPED_TRACE(source);
+            TL_HANDLE block = Load(path, -1);
+            ASSERT_NE(block, nullptr);
+            std::vector<uint8_t> bytes = test::BlockBytes(block);
+            test::FreeBlock(block);
+            EXPECT_EQ(LoadU16(&bytes[14]), sample.bits);
+            test::Rgb expected, actual;
+            ASSERT_TRUE(test::ReadPnm(test::Fixture(std::string("ras/src/") + source), expected));
+            ASSERT_TRUE(test::DibToRgb(bytes, actual));
+            EXPECT_EQ(test::FirstDifference(expected, actual), "");
+        }
+        EXPECT_EQ(Load(path, -1), nullptr);
+        EXPECT_EQ(TL_ERRORSTATUS_E(), 0);
+    }
     EXPECT_TRUE(guard.Same());
 }
 
