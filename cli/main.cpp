@@ -2,6 +2,9 @@
 //
 //   tolimage info FILE...       format, size, depth, colours, resolution
 //   tolimage convert FILE OUT   a 1-bit image as PBM, any other as PPM
+//   tolimage convert FILE OUT --all
+//                               every image of a multi-image (RAS) file, to
+//                               OUT with the image number before the extension
 //
 // Exit status: 0 when every file loaded, 1 when one did not, 2 on bad usage.
 // The library's reports go to standard error.
@@ -10,6 +13,7 @@
 #include <string>
 
 #include "cli/image_file.h"
+#include "cli/walk.h"
 #include "tolimage_posix.h"
 
 namespace {
@@ -17,7 +21,7 @@ namespace {
 int Usage() {
     fprintf(stderr,
             "usage: tolimage info FILE...\n"
-            "       tolimage convert FILE OUT\n");
+            "       tolimage convert FILE OUT [--all]\n");
     return 2;
 }
 
@@ -35,9 +39,16 @@ int Info(int count, char **files) {
         }
         GlobalFree(block);
         int32_t rows = bitmap.height < 0 ? -bitmap.height : bitmap.height;
-        printf("%s: %s, %d x %d, %u bpp, %u colours, %d x %d pixels/m\n", path.c_str(), cli::FormatOf(path).c_str(),
-               bitmap.width, rows, unsigned(bitmap.bits), unsigned(bitmap.colours), bitmap.xPelsPerMeter,
-               bitmap.yPelsPerMeter);
+        std::string format = cli::FormatOf(path);
+        printf("%s: %s, %d x %d, %u bpp, %u colours, %d x %d pixels/m", path.c_str(), format.c_str(), bitmap.width,
+               rows, unsigned(bitmap.bits), unsigned(bitmap.colours), bitmap.xPelsPerMeter, bitmap.yPelsPerMeter);
+        if (format == "RAS") {
+            // A RAS file may hold several images; the size above is image 0's.
+            int32_t images = cli::CountImages(path.c_str());
+            if (images < 0) status = 1;
+            printf(", %d images", images < 0 ? 0 : images);
+        }
+        printf("\n");
     }
     return status;
 }
@@ -66,5 +77,7 @@ int main(int argc, char **argv) {
     cli::ReportToStderr();
     if (strcmp(argv[1], "info") == 0) return Info(argc - 2, argv + 2);
     if (strcmp(argv[1], "convert") == 0 && argc == 4) return Convert(argv[2], argv[3]);
+    if (strcmp(argv[1], "convert") == 0 && argc == 5 && strcmp(argv[4], "--all") == 0)
+        return cli::ConvertAll(argv[2], argv[3]);
     return Usage();
 }
