@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,7 @@
 #include "core/image.h"
 #include "platform/win32.h"
 #include "readers/ras.h"
+#include "services/errors.h"
 #include "support/pnm.h"
 #include "support/ras_writer.h"
 #include "support/support.h"
@@ -588,6 +590,35 @@ TEST(RasDamage, CutFilesGiveZeroWithNoReportEvenToACallback) {
             recorder.reports.clear();
         }
     }
+}
+
+TEST(RasDamage, AReadTheSystemRefusesReachesTheCallbackOnly) {
+    // A file that shrinks during a walk: its length was taken at the open,
+    // so the read of the next record's pixels is tried and comes up short.
+    // That is a silent attempt: the callback hears it, but no quit message
+    // is posted (though ErrorContinue is 0), and no error is left behind.
+    RasLayout layout = Bild1();
+    auto pictures = ThreePictures(1);
+    std::vector<uint8_t> file = MakeRas(layout, pictures);
+    auto places = test::RasPlaces(layout, pictures);
+    std::string path = test::WriteTemp("shrinks.ras", file);
+    test::Recorder recorder(0, 1);
+    test::LeakGuard guard;
+    ExpectImage(Load(path, -1), pictures[0], layout);
+    std::filesystem::resize_file(path, places[1].pixels + 1);
+    EXPECT_EQ(Load(path, -1), nullptr);
+    EXPECT_EQ(TL_ERRORSTATUS_E(), 0);
+    ASSERT_EQ(recorder.reports.size(), 1u);
+    EXPECT_EQ(recorder.reports[0].title, "ReadRAS");
+    EXPECT_EQ(recorder.reports[0].text, path);
+    EXPECT_EQ(recorder.reports[0].withSystemText, 1);
+    EXPECT_EQ(GetErrorContinue(), 0) << "flags restored";
+    EXPECT_EQ(GetErrorBox(), 1);
+    MSG msg;
+    EXPECT_FALSE(PeekMessageA(&msg, nullptr, WM_QUIT, WM_QUIT, PM_REMOVE)) << "no quit message";
+    EXPECT_EQ(RasFile, NoFile);
+    EXPECT_EQ(RasMemo.Name[0], '\0') << "memo cleared";
+    EXPECT_TRUE(guard.Same());
 }
 
 TEST(RasDamage, StoredSizesThatLie) {
