@@ -131,7 +131,11 @@ void RasConvertPixels(uint8_t *rows, const uint8_t *source, int64_t stride) {
             memcpy(dst, source + r * stride, size_t(rowBytes));
             dst[rowBytes - 1] &= lastMask;
         } else {
-            // 4 bits: stride bytes a row; 8 bits: Cols bytes a row.
+            // 4 bits: stride bytes a row; 8 bits: Cols bytes a row.  A "bimp"
+            // record of its own size holds stride x Rows pixel bytes whatever
+            // the depth; with 8 bits we take its rows Cols bytes apart, as in
+            // every other 8-bit record, and leave the bytes behind the last
+            // row unused.  Either reading stays inside the buffer.
             memcpy(dst, source + r * rowBytes, size_t(rowBytes));
         }
     }
