@@ -90,7 +90,9 @@ int32_t RasSkip(const char *name, int64_t offset, int32_t method);
 //      image 0 with the file held.
 //   4. After the last image of a file the next call for it gives 0 with no
 //      report: that is how a caller sees the end.
-//   5. A damaged or cut-off file gives 0 with ErrorPending clear; only a
-//      failed open, a failed header read or seek, and a lack of memory
-//      report.  The block (unlocked, the caller's) has biSizeImage 0.
+//   5. A damaged or cut-off file gives 0 with ErrorPending clear (an
+//      installed callback may still hear a read the system refused).  Only
+//      a failed open, a failed header read or seek to the first record, a
+//      failed position query ("Read error") and a lack of memory report.
+//   6. The block is unlocked and the caller's; its biSizeImage is 0.
 TL_HANDLE ReadRAS(const char *name, int32_t imageNumber);
