@@ -151,7 +151,10 @@ void MakeConfigDirectoryFor(const std::string &path) {
     std::string directory = path.substr(0, slash);
     while (directory.size() > 1 && directory.back() == '/') directory.pop_back();
     if (directory != config) return;
-    mkdir(config.substr(0, config.find_last_of('/')).c_str(), 0700);
+    // Each missing directory on the way, as the configuration home itself
+    // may not exist yet; the ones made are the user's alone.
+    for (size_t at = config.find('/', 1); at != std::string::npos; at = config.find('/', at + 1))
+        mkdir(config.substr(0, at).c_str(), 0700);
     mkdir(config.c_str(), 0700);
 }
 
