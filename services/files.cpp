@@ -6,6 +6,7 @@
 #include "services/files.h"
 
 #include <cstring>
+#include <initializer_list>
 
 #include "platform/win32.h"
 #include "services/errors.h"

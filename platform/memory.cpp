@@ -1,0 +1,269 @@
+// memory.cpp - movable memory blocks (GlobalAlloc and LocalAlloc families).
+//
+// Every block is its own anonymous mapping in the low 2 GiB of the address
+// space, so that its address fits the 32-bit fields of the host record.  The
+// block ends at an inaccessible guard page: a block whose size is a multiple
+// of 16 ends exactly at the guard page, so the first byte past it faults.
+// The start is 16-aligned; the slack of up to 15 bytes between the end and
+// the guard page is caught under AddressSanitizer, which also sees every
+// access to a block while it is not locked.
+//
+// The handle of a movable block (GMEM_MOVEABLE) is not an address but a slot
+// of a table with a generation count, (generation << 17 | slot << 1 | 1):
+// odd, never 0, always below 2^31, so that a stale or foreign handle is
+// refused instead of freeing somebody else's block.  As on Win32, the handle
+// of a fixed block (flag GMEM_MOVEABLE clear) is its address, which is even;
+// such a block is always accessible, GlobalLock gives its address and
+// GlobalUnlock gives 0, since it has no lock count.  FormatMessageA relies on
+// this: its text is a fixed Local block that the caller frees by address.
+//
+// Global and Local blocks are one kind, as they are on Win32: either family
+// may lock or free a block of the other.
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <mutex>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/win32.h"
+
+#if defined(TL_ASAN) || defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/asan_interface.h>
+#define TL_POISON(address, bytes) ASAN_POISON_MEMORY_REGION(address, bytes)
+#define TL_UNPOISON(address, bytes) ASAN_UNPOISON_MEMORY_REGION(address, bytes)
+#else
+#define TL_POISON(address, bytes) ((void)(address), (void)(bytes))
+#define TL_UNPOISON(address, bytes) ((void)(address), (void)(bytes))
+#endif
+
+namespace {
+
+constexpr uintptr_t MaxBlockSize = uintptr_t(1) << 30;  // larger requests fail as out of memory
+constexpr uintptr_t LowLimit = uintptr_t(1) << 31;      // every byte of a block lies below this
+constexpr uintptr_t LowStart = uintptr_t(1) << 24;      // first address the fallback search tries
+constexpr uint32_t MaxSlots = 0xFFFF;                   // slot numbers 1..0xFFFF
+constexpr uint32_t MaxGeneration = 0x3FFF;              // keeps every handle below 2^31
+constexpr uint8_t UndefinedFill = 0xCD;                 // content of a block without GMEM_ZEROINIT
+
+struct Block {
+    uint8_t *mapping = nullptr;  // start of the mapping, guard page included
+    size_t mappingBytes = 0;
+    uint8_t *data = nullptr;     // what GlobalLock gives
+    uintptr_t size = 0;          // bytes asked for
+    int32_t locks = 0;
+    uint32_t generation = 1;
+    bool used = false;
+    bool fixed = false;  // the handle is the address; no lock count
+};
+
+std::mutex tableLock;
+std::vector<Block> table(1);  // slot 0 is never used, so no handle is 0
+std::vector<uint32_t> freeSlots;
+std::unordered_map<uintptr_t, uint32_t> fixedSlots;  // address of a fixed block -> its slot
+std::atomic<int32_t> liveBlocks{0};
+uintptr_t searchCursor = LowStart;  // where the fallback search goes on
+
+size_t PageSize() {
+    static const size_t page = size_t(sysconf(_SC_PAGESIZE));
+    return page;
+}
+
+bool InLowMemory(void *address, size_t bytes) {
+    uintptr_t start = reinterpret_cast<uintptr_t>(address);
+    return start != 0 && start < LowLimit && bytes <= LowLimit - start;
+}
+
+// A mapping of `bytes` inaccessible bytes below 2 GiB, or null.
+void *MapLow(size_t bytes) {
+    constexpr int prot = PROT_NONE;
+    constexpr int flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
+#ifdef MAP_32BIT
+    // The kernel's own low search; on Linux it covers only 1 GiB of range.
+    void *low = mmap(nullptr, bytes, prot, flags | MAP_32BIT, -1, 0);
+    if (low != MAP_FAILED) {
+        if (InLowMemory(low, bytes)) return low;
+        munmap(low, bytes);
+    }
+#endif
+    // Walk hinted addresses through the low 2 GiB.  Where the kernel lacks
+    // MAP_FIXED_NOREPLACE the hint may be ignored; the result is checked.
+#ifdef MAP_FIXED_NOREPLACE
+    constexpr int hintFlags = flags | MAP_FIXED_NOREPLACE;
+#else
+    constexpr int hintFlags = flags;
+#endif
+    if (bytes > LowLimit - LowStart) return nullptr;
+    const uintptr_t step = bytes > (uintptr_t(1) << 24) ? bytes : (uintptr_t(1) << 24);
+    for (int attempt = 0; attempt < 256; attempt++) {
+        if (searchCursor < LowStart || searchCursor > LowLimit - bytes) searchCursor = LowStart;
+        void *hint = reinterpret_cast<void *>(searchCursor);
+        void *got = mmap(hint, bytes, prot, hintFlags, -1, 0);
+        if (got != MAP_FAILED) {
+            if (InLowMemory(got, bytes)) {
+                searchCursor = reinterpret_cast<uintptr_t>(got) + bytes;
+                return got;
+            }
+            munmap(got, bytes);
+        }
+        searchCursor += step;
+    }
+    return nullptr;
+}
+
+// The block of a handle, or null for 0, a stale handle or a foreign value.
+// Called with tableLock held.
+Block *Find(void *handle) {
+    uintptr_t value = reinterpret_cast<uintptr_t>(handle);
+    if (value == 0) return nullptr;
+    if (!(value & 1)) {
+        auto found = fixedSlots.find(value);
+        return found == fixedSlots.end() ? nullptr : &table[found->second];
+    }
+    uint32_t slot = uint32_t((value >> 1) & 0xFFFF);
+    uintptr_t generation = value >> 17;
+    if (slot == 0 || slot >= table.size()) return nullptr;
+    Block &block = table[slot];
+    if (!block.used || block.fixed || block.generation != generation) return nullptr;
+    return &block;
+}
+
+void *Allocate(UINT flags, uintptr_t bytes) {
+    if (bytes > MaxBlockSize) {
+        SetLastError(ENOMEM);
+        return nullptr;
+    }
+    const size_t page = PageSize();
+    const size_t rounded = (size_t(bytes) + 15) & ~size_t(15);
+    const size_t dataPages = (rounded + page - 1) & ~(page - 1);
+    const size_t mappingBytes = dataPages + page;
+
+    std::lock_guard<std::mutex> hold(tableLock);
+    uint32_t slot;
+    if (!freeSlots.empty()) {
+        slot = freeSlots.back();
+    } else if (table.size() <= MaxSlots) {
+        slot = uint32_t(table.size());
+    } else {
+        SetLastError(ENOMEM);
+        return nullptr;
+    }
+    auto *mapping = static_cast<uint8_t *>(MapLow(mappingBytes));
+    if (!mapping) {
+        SetLastError(ENOMEM);
+        return nullptr;
+    }
+    if (dataPages && mprotect(mapping, dataPages, PROT_READ | PROT_WRITE) != 0) {
+        int code = errno;
+        munmap(mapping, mappingBytes);
+        SetLastError(DWORD(code));
+        return nullptr;
+    }
+    uint8_t *guard = mapping + dataPages;
+    uint8_t *data = guard - rounded;
+    // A fresh mapping reads as zeros; without GMEM_ZEROINIT the content is
+    // undefined, and a fill pattern makes reliance on zeros show.
+    if (!(flags & LMEM_ZEROINIT)) std::memset(data, UndefinedFill, bytes);
+    const bool fixed = !(flags & LMEM_MOVEABLE);
+    if (fixed) {
+        TL_POISON(data + bytes, rounded - bytes);  // only the slack
+    } else {
+        TL_POISON(data, rounded);  // unlocked: no access at all
+    }
+
+    if (slot == table.size()) {
+        table.emplace_back();
+    } else {
+        freeSlots.pop_back();
+    }
+    Block &block = table[slot];
+    block.mapping = mapping;
+    block.mappingBytes = mappingBytes;
+    block.data = data;
+    block.size = bytes;
+    block.locks = 0;
+    block.used = true;
+    block.fixed = fixed;
+    liveBlocks.fetch_add(1, std::memory_order_relaxed);
+    if (fixed) {
+        fixedSlots.emplace(reinterpret_cast<uintptr_t>(data), slot);
+        return data;
+    }
+    return reinterpret_cast<void *>((uintptr_t(block.generation) << 17) | (uintptr_t(slot) << 1) | 1);
+}
+
+void *Lock(void *handle) {
+    std::lock_guard<std::mutex> hold(tableLock);
+    Block *block = Find(handle);
+    if (!block) {
+        SetLastError(EINVAL);
+        return nullptr;
+    }
+    if (block->fixed) return block->data;
+    if (block->locks == 0) TL_UNPOISON(block->data, block->size);
+    block->locks++;
+    return block->data;
+}
+
+BOOL Unlock(void *handle) {
+    std::lock_guard<std::mutex> hold(tableLock);
+    Block *block = Find(handle);
+    if (!block) {
+        SetLastError(EINVAL);
+        return 0;
+    }
+    if (block->fixed || block->locks == 0) {  // not locked: Win32's ERROR_NOT_LOCKED
+        SetLastError(EPERM);
+        return 0;
+    }
+    if (--block->locks > 0) return 1;
+    TL_POISON(block->data, block->size);
+    SetLastError(0);
+    return 0;
+}
+
+// A locked block is freed too, as Win32 does.
+void *Free(void *handle) {
+    std::lock_guard<std::mutex> hold(tableLock);
+    Block *block = Find(handle);
+    if (!block) {
+        SetLastError(EINVAL);
+        return handle;
+    }
+    TL_UNPOISON(block->mapping, block->mappingBytes - PageSize());
+    munmap(block->mapping, block->mappingBytes);
+    uint32_t slot = uint32_t(block - table.data());
+    if (block->fixed) fixedSlots.erase(reinterpret_cast<uintptr_t>(block->data));
+    uint32_t generation = block->generation == MaxGeneration ? 1 : block->generation + 1;
+    *block = Block{};
+    block->generation = generation;
+    freeSlots.push_back(slot);
+    liveBlocks.fetch_sub(1, std::memory_order_relaxed);
+    return nullptr;
+}
+
+}  // namespace
+
+extern "C" TL_HANDLE GlobalAlloc(uint32_t flags, uintptr_t bytes) { return Allocate(flags, bytes); }
+extern "C" void *GlobalLock(TL_HANDLE block) { return Lock(block); }
+extern "C" int32_t GlobalUnlock(TL_HANDLE block) { return Unlock(block); }
+extern "C" TL_HANDLE GlobalFree(TL_HANDLE block) { return Free(block); }
+
+uintptr_t GlobalSize(HGLOBAL handle) {
+    std::lock_guard<std::mutex> hold(tableLock);
+    Block *block = Find(handle);
+    return block ? block->size : 0;
+}
+
+HLOCAL LocalAlloc(UINT flags, uintptr_t bytes) { return Allocate(flags, bytes); }
+void *LocalLock(HLOCAL block) { return Lock(block); }
+BOOL LocalUnlock(HLOCAL block) { return Unlock(block); }
+HLOCAL LocalFree(HLOCAL block) { return Free(block); }
+
+namespace platform {
+int32_t LiveBlocks() { return liveBlocks.load(std::memory_order_relaxed); }
+}  // namespace platform

@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Installs what the build needs, from Debian's packages, when it is missing.
+#   deps.sh            compiler, CMake, GoogleTest
+#   deps.sh fuzz       and clang with its libFuzzer runtime
+#   deps.sh bench      and Google Benchmark with libtiff (the peer measured)
+set -euo pipefail
+packages=(cmake make g++ libgtest-dev binutils)
+for extra in "$@"; do
+  case "$extra" in
+    fuzz) packages+=(clang libclang-rt-14-dev) ;;
+    bench) packages+=(libbenchmark-dev libtiff-dev) ;;
+  esac
+done
+missing=()
+for p in "${packages[@]}"; do
+  dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "installing: ${missing[*]}"
+  sudo_cmd=""
+  [ "$(id -u)" = 0 ] || sudo_cmd=sudo
+  $sudo_cmd apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -qq "${missing[@]}" >/dev/null
+fi

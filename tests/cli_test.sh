@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# The tolimage tool on the bundled samples and a few fixtures: exit status,
+# output lines and the files it writes.
+set -u
+tool=$1 samples=$2 fixtures=$3
+out=$(mktemp -d)
+trap 'rm -rf "$out"' EXIT
+fail=0
+expect() {  # expect STATUS COMMAND...
+    local want=$1; shift
+    "$@" >"$out/stdout" 2>"$out/stderr" </dev/null
+    local got=$?
+    if [ "$got" != "$want" ]; then
+        echo "FAIL: '$*' gave $got, expected $want"; cat "$out/stdout" "$out/stderr"; fail=1
+    fi
+}
+
+expect 0 "$tool" info "$samples/sample.bmp"
+grep -q "sample.bmp: BMP, 410 x 144, 1 bpp, 2 colours" "$out/stdout" || { echo "FAIL: info line"; cat "$out/stdout"; fail=1; }
+
+expect 0 "$tool" convert "$samples/sample.bmp" "$out/sample.pbm"
+[ "$(head -c 11 "$out/sample.pbm")" = "$(printf 'P4\n410 144\n')" ] || { echo "FAIL: PBM header"; fail=1; }
+[ "$(stat -c %s "$out/sample.pbm")" = $((11 + 52 * 144)) ] || { echo "FAIL: PBM size"; fail=1; }
+
+expect 0 "$tool" convert "$fixtures/bmp/magick_4bit.bmp" "$out/colours.ppm"
+cmp -s "$out/colours.ppm" "$fixtures/bmp/src/colours.ppm" || { echo "FAIL: PPM differs from its source"; fail=1; }
+
+printf 'B' > "$out/one.bin"
+expect 1 "$tool" info "$out/one.bin"
+grep -q "tolimage: ReadIMG: $out/one.bin" "$out/stderr" || { echo "FAIL: report on stderr"; cat "$out/stderr"; fail=1; }
+
+expect 2 "$tool"
+expect 2 "$tool" frobnicate x
+expect 2 "$tool" convert only-one-arg
+exit $fail
