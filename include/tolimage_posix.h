@@ -33,6 +33,51 @@ TL_API int32_t GlobalUnlock(TL_HANDLE block);
 TL_API TL_HANDLE GlobalFree(TL_HANDLE block);
 
 /*
+ * The calling thread's message queue.  The library polls it for the user's
+ * abort keys (Escape, Cancel, Alt+F4) and for quit messages, and an error
+ * report may leave a quit message (exit code 4) on it.  A host feeds its
+ * user's keys in with PostMessageA and reads what the library left with
+ * PeekMessageA.
+ */
+typedef struct POINT {
+    int32_t x;
+    int32_t y;
+} POINT;
+
+typedef struct MSG {
+    void *hwnd;
+    uint32_t message;
+    uintptr_t wParam;
+    intptr_t lParam;
+    uint32_t time;
+    POINT pt;
+} MSG;
+
+#define WM_QUIT 0x0012u
+#define WM_ENDSESSION 0x0016u
+#define WM_KEYFIRST 0x0100u
+#define WM_KEYDOWN 0x0100u
+#define WM_KEYUP 0x0101u
+#define WM_SYSKEYDOWN 0x0104u
+#define WM_KEYLAST 0x0108u
+#define PM_REMOVE 0x0001u
+#define VK_CANCEL 0x03u
+#define VK_ESCAPE 0x1Bu
+#define VK_F4 0x73u
+
+/* GetInputState - not 0 when keyboard or mouse input waits in the calling
+   thread's queue. */
+TL_API int32_t GetInputState(void);
+/* PeekMessageA - the next message of the calling thread with a message
+   number from `first` to `last` (both 0: any), for `window` or any window
+   when NULL, into *msg; removed from the queue with PM_REMOVE.  0 when
+   there is none. */
+TL_API int32_t PeekMessageA(MSG *msg, void *window, uint32_t first, uint32_t last, uint32_t remove);
+/* PostMessageA - puts a message at the end of the calling thread's queue;
+   0 on failure. */
+TL_API int32_t PostMessageA(void *window, uint32_t message, uintptr_t wParam, intptr_t lParam);
+
+/*
  * The file dialog.  When a named file does not exist the library asks the
  * user for another one.  On POSIX there is no system dialog: a host with a
  * user interface installs its own with TlSetFileDialog, and a script or test

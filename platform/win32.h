@@ -68,38 +68,14 @@ DWORD FormatMessageA(DWORD flags, const void *source, DWORD code, DWORD language
 int MessageBoxA(HWND owner, const char *text, const char *title, UINT type);
 
 // ---- the calling thread's message queue ----
-struct POINT {
-    LONG x;
-    LONG y;
-};
-struct MSG {
-    HWND hwnd;
-    UINT message;
-    WPARAM wParam;
-    LPARAM lParam;
-    DWORD time;
-    POINT pt;
-};
-constexpr UINT WM_QUIT = 0x12;
-constexpr UINT WM_ENDSESSION = 0x16;
-constexpr UINT WM_KEYFIRST = 0x100;
-constexpr UINT WM_KEYDOWN = 0x100;
-constexpr UINT WM_KEYUP = 0x101;
+// MSG, POINT, the message and key constants that a host needs, and
+// GetInputState, PeekMessageA and PostMessageA are in tolimage_posix.h.
 constexpr UINT WM_CHAR = 0x102;
-constexpr UINT WM_SYSKEYDOWN = 0x104;
-constexpr UINT WM_KEYLAST = 0x108;
 constexpr UINT WM_MOUSEFIRST = 0x200;
 constexpr UINT WM_MOUSELAST = 0x20E;
 constexpr UINT PM_NOREMOVE = 0;
-constexpr UINT PM_REMOVE = 1;
-constexpr WPARAM VK_CANCEL = 0x03;
-constexpr WPARAM VK_ESCAPE = 0x1B;
-constexpr WPARAM VK_F4 = 0x73;
 
 void PostQuitMessage(int exitCode);
-BOOL GetInputState();
-BOOL PeekMessageA(MSG *msg, HWND window, UINT first, UINT last, UINT remove);
-BOOL PostMessageA(HWND window, UINT message, WPARAM wParam, LPARAM lParam);
 
 // ---- text and run-time functions ----
 // Windows' wsprintfA: %d %i %u %x %X %c %s with flags and widths; the size
