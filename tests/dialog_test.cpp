@@ -375,7 +375,7 @@ TEST_F(Dialog, AbortLatchGivesZero) {
     EXPECT_EXIT(
         {
             ERROR_FLAGS_E(1, 0, 1, nullptr);
-            PostQuitMessage(0);
+            PostMessageA(nullptr, WM_KEYDOWN, VK_ESCAPE, 0);  // the user's Escape
             char buffer[DialogPathBytes] = "scan.TIF";
             script.answer = 1;
             script.chosen = "/x.TIF";
