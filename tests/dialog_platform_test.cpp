@@ -191,7 +191,7 @@ OPENFILENAMEA Record(char *file, char *title, const char *initialDir) {
 
 TEST(DialogRecord, AnswersAreCheckedAndResolved) {
     EXPECT_EQ(GetActiveWindow(), nullptr);
-    TlSetFileDialog(Host);
+    const TL_FILE_DIALOG before = TlSetFileDialog(Host);
     const std::string dir = test::TempDir();
     struct Case {
         std::string answer;
@@ -224,7 +224,7 @@ TEST(DialogRecord, AnswersAreCheckedAndResolved) {
             EXPECT_EQ(file + record.nFileExtension, dot ? dot + 1 : file + strlen(file));
         }
     }
-    TlSetFileDialog(nullptr);
+    TlSetFileDialog(before);
 }
 
 // In a child: without a controlling terminal and with stdin from /dev/null

@@ -64,10 +64,11 @@ class Dialog : public ::testing::Test {
         setenv("XDG_CONFIG_HOME", config.c_str(), 1);
         profileDir = config + "/tolimage";
         script = Script{};
-        TlSetFileDialog(Scripted);
+        before = TlSetFileDialog(Scripted);
         test::QuietDefaults();
     }
-    void TearDown() override { TlSetFileDialog(nullptr); }
+    void TearDown() override { TlSetFileDialog(before); }
+    TL_FILE_DIALOG before = nullptr;
 
     // A profile named "scan" remembering `value` under [Paths] Last.
     std::string Remember(const std::string &value) {
