@@ -5,7 +5,9 @@
 // Windows does; blanks around names and values do not count; lines starting
 // with ";" or "#" are comments and stay as they are.  The library writes
 // paths in Windows form, so a backslash in a profile path is taken as the
-// directory separator.
+// directory separator; a drive letter means nothing here and stays part of
+// the name (c:\x\scan.STS is c:/x/scan.STS, relative to the current
+// directory).
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>

@@ -308,6 +308,13 @@ TEST_F(Dialog, RememberedFile) {
     EXPECT_EQ(script.filterIndex, 5u);
     EXPECT_EQ(ReadText(profile), "[Paths]\nLast=" + remembered + "\n");
 
+    // Only a remembered path spares the dialog: an existing file named in
+    // the buffer, with no profile, still leads to it.
+    script = Script{};
+    Fill(buffer, remembered);
+    EXPECT_EQ(SelectFileDialog(buffer, ImageFilters, 0, "t", nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(script.calls, 1);
+
     // An empty section or a NULL key turns the profile off.
     for (int off = 0; off < 2; ++off) {
         script = Script{};
@@ -389,6 +396,7 @@ TEST_F(Dialog, AbortLatchGivesZero) {
 TEST_F(Dialog, MissingImageFileAsksForAnother) {
     const std::string bmp = test::Fixture("bmp/netpbm_1bit.bmp");
     const std::string missing = test::TempDir() + "/missing.BMP";
+    test::LeakGuard guard;
     // Confirmed: the chosen file is read and its path stands in the name.
     script.answer = 1;
     script.chosen = bmp;
@@ -422,6 +430,7 @@ TEST_F(Dialog, MissingImageFileAsksForAnother) {
     test::FreeBlock(block);
     EXPECT_EQ(script.calls, 0);
     EXPECT_NE(access(config.c_str(), F_OK), 0);
+    EXPECT_TRUE(guard.Same());
 }
 
 }  // namespace
