@@ -25,6 +25,15 @@ expect 0 "$tool" convert "$samples/sample.bmp" "$out/sample.pbm"
 expect 0 "$tool" convert "$fixtures/bmp/magick_4bit.bmp" "$out/colours.ppm"
 cmp -s "$out/colours.ppm" "$fixtures/bmp/src/colours.ppm" || { echo "FAIL: PPM differs from its source"; fail=1; }
 
+expect 0 "$tool" info "$samples/sample.pcx"
+grep -q "sample.pcx: PCX, 400 x 200, 1 bpp, 2 colours, 7873 x 7873 pixels/m" "$out/stdout" || { echo "FAIL: PCX info line"; cat "$out/stdout"; fail=1; }
+
+expect 0 "$tool" convert "$fixtures/pcx/netpbm_1plane.pcx" "$out/text.pbm"
+cmp -s "$out/text.pbm" "$fixtures/pcx/src/text.pbm" || { echo "FAIL: PBM from PCX differs from its source"; fail=1; }
+
+expect 0 "$tool" convert "$fixtures/pcx/netpbm_4plane.pcx" "$out/colours16.ppm"
+[ "$(head -c 13 "$out/colours16.ppm")" = "$(printf 'P6\n101 9\n255\n')" ] || { echo "FAIL: PPM header from PCX"; fail=1; }
+
 printf 'B' > "$out/one.bin"
 expect 1 "$tool" info "$out/one.bin"
 grep -q "tolimage: ReadIMG: $out/one.bin" "$out/stderr" || { echo "FAIL: report on stderr"; cat "$out/stderr"; fail=1; }
