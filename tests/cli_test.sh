@@ -16,11 +16,11 @@ expect() {  # expect STATUS COMMAND...
 }
 
 expect 0 "$tool" info "$samples/sample.bmp"
-grep -q "sample.bmp: BMP, 410 x 144, 1 bpp, 2 colours" "$out/stdout" || { echo "FAIL: info line"; cat "$out/stdout"; fail=1; }
+grep -q "sample.bmp: BMP, 480 x 200, 1 bpp, 2 colours" "$out/stdout" || { echo "FAIL: info line"; cat "$out/stdout"; fail=1; }
 
 expect 0 "$tool" convert "$samples/sample.bmp" "$out/sample.pbm"
-[ "$(head -c 11 "$out/sample.pbm")" = "$(printf 'P4\n410 144\n')" ] || { echo "FAIL: PBM header"; fail=1; }
-[ "$(stat -c %s "$out/sample.pbm")" = $((11 + 52 * 144)) ] || { echo "FAIL: PBM size"; fail=1; }
+[ "$(head -c 11 "$out/sample.pbm")" = "$(printf 'P4\n480 200\n')" ] || { echo "FAIL: PBM header"; fail=1; }
+[ "$(stat -c %s "$out/sample.pbm")" = $((11 + 60 * 200)) ] || { echo "FAIL: PBM size"; fail=1; }
 
 expect 0 "$tool" convert "$fixtures/bmp/magick_4bit.bmp" "$out/colours.ppm"
 cmp -s "$out/colours.ppm" "$fixtures/bmp/src/colours.ppm" || { echo "FAIL: PPM differs from its source"; fail=1; }
