@@ -30,7 +30,7 @@ int Info(int count, char **files) {
     int status = 0;
     for (int i = 0; i < count; ++i) {
         std::string path = files[i];
-        TL_HANDLE block = cli::LoadImage(path, 0);
+        TL_HANDLE block = cli::LoadImage(path, 0, &path);
         cli::Bitmap bitmap;
         if (!block || !cli::CopyBitmap(block, bitmap)) {
             if (block) GlobalFree(block);

@@ -25,7 +25,7 @@ if command -v script >/dev/null; then
     status=$?
     [ "$status" = 0 ] || { echo "FAIL: terminal gave status $status, expected 0"; fail=1; }
     grep -q "Open Image File" "$out/screen" || { echo "FAIL: no dialog title shown"; fail=1; }
-    grep -q "410 x 144, 1 bpp" "$out/screen" || { echo "FAIL: typed file not loaded"; fail=1; }
+    grep -q "480 x 200, 1 bpp" "$out/screen" || { echo "FAIL: typed file not loaded"; fail=1; }
     [ "$fail" = 0 ] || cat -v "$out/screen"
 else
     echo "script(1) missing: terminal case skipped"
