@@ -68,6 +68,28 @@ std::unordered_map<uintptr_t, uint32_t> fixedSlots;  // address of a fixed block
 std::atomic<int32_t> liveBlocks{0};
 uintptr_t searchCursor = LowStart;  // where the fallback search goes on
 
+// Mappings of freed small blocks, kept for reuse: a reader allocates and
+// frees the same working blocks strip after strip, and three system calls
+// per block would cost more than decoding the strip.  A kept mapping is
+// poisoned under AddressSanitizer, so a use after free is still reported.
+constexpr size_t MaxSpareMapping = size_t(256) << 10;
+constexpr size_t MaxSpares = 32;
+struct Spare {
+    uint8_t *mapping;
+    size_t bytes;
+};
+std::vector<Spare> spares;  // most recently freed last
+
+uint8_t *TakeSpare(size_t bytes) {
+    for (size_t i = spares.size(); i-- > 0;) {
+        if (spares[i].bytes != bytes) continue;
+        uint8_t *mapping = spares[i].mapping;
+        spares.erase(spares.begin() + std::ptrdiff_t(i));
+        return mapping;
+    }
+    return nullptr;
+}
+
 size_t PageSize() {
     static const size_t page = size_t(sysconf(_SC_PAGESIZE));
     return page;
@@ -152,23 +174,34 @@ void *Allocate(UINT flags, uintptr_t bytes) {
         SetLastError(ENOMEM);
         return nullptr;
     }
-    auto *mapping = static_cast<uint8_t *>(MapLow(mappingBytes));
-    if (!mapping) {
-        SetLastError(ENOMEM);
-        return nullptr;
-    }
-    if (dataPages && mprotect(mapping, dataPages, PROT_READ | PROT_WRITE) != 0) {
-        int code = errno;
-        munmap(mapping, mappingBytes);
-        SetLastError(DWORD(code));
-        return nullptr;
+    uint8_t *mapping = TakeSpare(mappingBytes);
+    const bool reused = mapping != nullptr;
+    if (!reused) {
+        mapping = static_cast<uint8_t *>(MapLow(mappingBytes));
+        if (!mapping) {
+            SetLastError(ENOMEM);
+            return nullptr;
+        }
+        if (dataPages && mprotect(mapping, dataPages, PROT_READ | PROT_WRITE) != 0) {
+            int code = errno;
+            munmap(mapping, mappingBytes);
+            SetLastError(DWORD(code));
+            return nullptr;
+        }
     }
     uint8_t *guard = mapping + dataPages;
     uint8_t *data = guard - rounded;
     // A fresh mapping reads as zeros; without GMEM_ZEROINIT the content is
     // undefined, and a fill pattern makes reliance on zeros show.
-    if (!(flags & LMEM_ZEROINIT)) std::memset(data, UndefinedFill, bytes);
+    TL_UNPOISON(data, bytes);
+    if (!(flags & LMEM_ZEROINIT)) {
+        std::memset(data, UndefinedFill, bytes);
+    } else if (reused) {
+        std::memset(data, 0, bytes);
+    }
     const bool fixed = !(flags & LMEM_MOVEABLE);
+    TL_POISON(mapping, size_t(data - mapping));  // below the block, for underruns
+    TL_POISON(guard, page);                       // so that the sanitizer names an overrun, not a bare fault
     if (fixed) {
         TL_POISON(data + bytes, rounded - bytes);  // only the slack
     } else {
@@ -234,8 +267,13 @@ void *Free(void *handle) {
         SetLastError(EINVAL);
         return handle;
     }
-    TL_UNPOISON(block->mapping, block->mappingBytes - PageSize());
-    munmap(block->mapping, block->mappingBytes);
+    if (block->mappingBytes <= MaxSpareMapping && spares.size() < MaxSpares) {
+        TL_POISON(block->mapping, block->mappingBytes);
+        spares.push_back({block->mapping, block->mappingBytes});
+    } else {
+        TL_UNPOISON(block->mapping, block->mappingBytes);  // the shadow outlives the mapping
+        munmap(block->mapping, block->mappingBytes);
+    }
     uint32_t slot = uint32_t(block - table.data());
     if (block->fixed) fixedSlots.erase(reinterpret_cast<uintptr_t>(block->data));
     uint32_t generation = block->generation == MaxGeneration ? 1 : block->generation + 1;
