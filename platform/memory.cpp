@@ -19,14 +19,17 @@
 //
 // Global and Local blocks are one kind, as they are on Win32: either family
 // may lock or free a block of the other.
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <string>
 #include <unordered_map>
 #include <vector>
 
@@ -45,7 +48,11 @@ namespace {
 
 constexpr uintptr_t MaxBlockSize = uintptr_t(1) << 30;  // larger requests fail as out of memory
 constexpr uintptr_t LowLimit = uintptr_t(1) << 31;      // every byte of a block lies below this
-constexpr uintptr_t LowStart = uintptr_t(1) << 24;      // first address the fallback search tries
+constexpr uintptr_t LowStart = uintptr_t(1) << 20;      // lowest address a block may take
+constexpr size_t LargeBlock = size_t(64) << 20;         // from here on: the lowest gap
+constexpr uintptr_t SmallTop = 0x7FF00000u;             // small blocks below this (AddressSanitizer's shadow
+                                                        // begins at 0x7FFF8000)
+constexpr uintptr_t SmallFloor = 0x48000000u;           // and above this
 constexpr uint32_t MaxSlots = 0xFFFF;                   // slot numbers 1..0xFFFF
 constexpr uint32_t MaxGeneration = 0x3FFF;              // keeps every handle below 2^31
 constexpr uint8_t UndefinedFill = 0xCD;                 // content of a block without GMEM_ZEROINIT
@@ -67,6 +74,7 @@ std::vector<uint32_t> freeSlots;
 std::unordered_map<uintptr_t, uint32_t> fixedSlots;  // address of a fixed block -> its slot
 std::atomic<int32_t> liveBlocks{0};
 uintptr_t searchCursor = LowStart;  // where the fallback search goes on
+uintptr_t smallCursor = SmallTop;   // the next small block ends here
 
 // Mappings of freed small blocks, kept for reuse: a reader allocates and
 // frees the same working blocks strip after strip, and three system calls
@@ -100,37 +108,81 @@ bool InLowMemory(void *address, size_t bytes) {
     return start != 0 && start < LowLimit && bytes <= LowLimit - start;
 }
 
-// A mapping of `bytes` inaccessible bytes below 2 GiB, or null.
+// The lowest free range of `bytes` in [LowStart, LowLimit) by the process's
+// own map, or 0 when there is none or the map cannot be read.
+uintptr_t FindLowGap(size_t bytes) {
+    int fd = open("/proc/self/maps", O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return 0;
+    std::string text;
+    char chunk[8192];
+    for (;;) {
+        ssize_t got = read(fd, chunk, sizeof chunk);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) break;
+        text.append(chunk, size_t(got));
+    }
+    close(fd);
+    uintptr_t free = LowStart;
+    const char *line = text.c_str();
+    while (*line) {
+        char *rest;
+        uintptr_t start = std::strtoull(line, &rest, 16);
+        uintptr_t end = *rest == '-' ? std::strtoull(rest + 1, &rest, 16) : 0;
+        uintptr_t gapEnd = start < LowLimit ? start : LowLimit;
+        if (gapEnd > free && gapEnd - free >= bytes) return free;
+        if (end > free) free = end;
+        if (free >= LowLimit) return 0;
+        const char *next = std::strchr(line, '\n');
+        if (!next) break;
+        line = next + 1;
+    }
+    return LowLimit - free >= bytes ? free : 0;
+}
+
+// A mapping of `bytes` inaccessible bytes below 2 GiB, or null.  Small
+// blocks are packed downward from the top of the second GiB; large ones go
+// into the lowest gap of the map, so that the two kinds do not crowd each
+// other out and a block of nearly 1 GiB still finds room.  When its place is
+// taken, a small block falls back to the kernel's own low search
+// (MAP_32BIT, which on Linux scatters blocks over the second GiB).
 void *MapLow(size_t bytes) {
     constexpr int prot = PROT_NONE;
     constexpr int flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
-#ifdef MAP_32BIT
-    // The kernel's own low search; on Linux it covers only 1 GiB of range.
-    void *low = mmap(nullptr, bytes, prot, flags | MAP_32BIT, -1, 0);
-    if (low != MAP_FAILED) {
-        if (InLowMemory(low, bytes)) return low;
-        munmap(low, bytes);
-    }
-#endif
-    // Walk hinted addresses through the low 2 GiB.  Where the kernel lacks
-    // MAP_FIXED_NOREPLACE the hint may be ignored; the result is checked.
+    // Where the kernel lacks MAP_FIXED_NOREPLACE an address is only a hint;
+    // every result is checked.
 #ifdef MAP_FIXED_NOREPLACE
     constexpr int hintFlags = flags | MAP_FIXED_NOREPLACE;
 #else
     constexpr int hintFlags = flags;
 #endif
     if (bytes > LowLimit - LowStart) return nullptr;
+    auto tryAt = [&](uintptr_t address, int how) -> void * {
+        void *got = mmap(reinterpret_cast<void *>(address), bytes, prot, how, -1, 0);
+        if (got == MAP_FAILED) return nullptr;
+        if (InLowMemory(got, bytes)) return got;
+        munmap(got, bytes);
+        return nullptr;
+    };
+    if (bytes < LargeBlock) {
+        if (smallCursor - SmallFloor < bytes) smallCursor = SmallTop;  // start again from the top
+        smallCursor -= bytes;
+        if (void *low = tryAt(smallCursor, hintFlags)) return low;
+#ifdef MAP_32BIT
+        if (void *low = tryAt(0, flags | MAP_32BIT)) return low;
+#endif
+    }
+    for (int attempt = 0; attempt < 4; attempt++) {  // another thread may take the gap first
+        uintptr_t gap = FindLowGap(bytes);
+        if (!gap) break;
+        if (void *low = tryAt(gap, hintFlags)) return low;
+    }
+    // No map to read: walk hinted addresses through the low 2 GiB.
     const uintptr_t step = bytes > (uintptr_t(1) << 24) ? bytes : (uintptr_t(1) << 24);
     for (int attempt = 0; attempt < 256; attempt++) {
         if (searchCursor < LowStart || searchCursor > LowLimit - bytes) searchCursor = LowStart;
-        void *hint = reinterpret_cast<void *>(searchCursor);
-        void *got = mmap(hint, bytes, prot, hintFlags, -1, 0);
-        if (got != MAP_FAILED) {
-            if (InLowMemory(got, bytes)) {
-                searchCursor = reinterpret_cast<uintptr_t>(got) + bytes;
-                return got;
-            }
-            munmap(got, bytes);
+        if (void *low = tryAt(searchCursor, hintFlags)) {
+            searchCursor = reinterpret_cast<uintptr_t>(low) + bytes;
+            return low;
         }
         searchCursor += step;
     }
