@@ -25,6 +25,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -56,6 +57,7 @@ constexpr uintptr_t SmallFloor = 0x48000000u;           // and above this
 constexpr uint32_t MaxSlots = 0xFFFF;                   // slot numbers 1..0xFFFF
 constexpr uint32_t MaxGeneration = 0x3FFF;              // keeps every handle below 2^31
 constexpr uint8_t UndefinedFill = 0xCD;                 // content of a block without GMEM_ZEROINIT
+constexpr size_t MaxFill = size_t(1) << 20;             // bytes that receive it at most
 
 struct Block {
     uint8_t *mapping = nullptr;  // start of the mapping, guard page included
@@ -68,27 +70,41 @@ struct Block {
     bool fixed = false;  // the handle is the address; no lock count
 };
 
-std::mutex tableLock;
-std::vector<Block> table(1);  // slot 0 is never used, so no handle is 0
-std::vector<uint32_t> freeSlots;
-std::unordered_map<uintptr_t, uint32_t> fixedSlots;  // address of a fixed block -> its slot
-std::atomic<int32_t> liveBlocks{0};
-uintptr_t searchCursor = LowStart;  // where the fallback search goes on
-uintptr_t smallCursor = SmallTop;   // the next small block ends here
-
-// Mappings of freed small blocks, kept for reuse: a reader allocates and
-// frees the same working blocks strip after strip, and three system calls
-// per block would cost more than decoding the strip.  A kept mapping is
-// poisoned under AddressSanitizer, so a use after free is still reported.
-constexpr size_t MaxSpareMapping = size_t(256) << 10;
-constexpr size_t MaxSpares = 32;
 struct Spare {
     uint8_t *mapping;
     size_t bytes;
 };
-std::vector<Spare> spares;  // most recently freed last
+
+// Mappings of freed small blocks are kept for reuse: a reader allocates and
+// frees the same working blocks strip after strip, and three system calls
+// per block would cost more than decoding the strip.  A kept mapping is
+// poisoned under AddressSanitizer, so a use after free is still reported
+// there; in a plain build it reads stale bytes instead of faulting.
+constexpr size_t MaxSpareMapping = size_t(256) << 10;
+constexpr size_t MaxSpares = 32;
+
+// All of it behind one lock.  Made on first use and never destroyed, so
+// that a block may be allocated or freed from a static constructor or
+// destructor of any other file.
+struct State {
+    std::mutex lock;
+    std::vector<Block> table = std::vector<Block>(1);  // slot 0 is never used, so no handle is 0
+    std::vector<uint32_t> freeSlots;
+    std::unordered_map<uintptr_t, uint32_t> fixedSlots;  // address of a fixed block -> its slot
+    std::vector<Spare> spares;                           // most recently freed last
+    uintptr_t searchCursor = LowStart;                   // where the fallback search goes on
+    uintptr_t smallCursor = SmallTop;                    // the next small block ends here
+};
+
+State &S() {
+    static State *state = new State;
+    return *state;
+}
+
+std::atomic<int32_t> liveBlocks{0};
 
 uint8_t *TakeSpare(size_t bytes) {
+    std::vector<Spare> &spares = S().spares;
     for (size_t i = spares.size(); i-- > 0;) {
         if (spares[i].bytes != bytes) continue;
         uint8_t *mapping = spares[i].mapping;
@@ -156,6 +172,7 @@ void *MapLow(size_t bytes) {
     constexpr int hintFlags = flags;
 #endif
     if (bytes > LowLimit - LowStart) return nullptr;
+    uintptr_t &smallCursor = S().smallCursor, &searchCursor = S().searchCursor;
     auto tryAt = [&](uintptr_t address, int how) -> void * {
         void *got = mmap(reinterpret_cast<void *>(address), bytes, prot, how, -1, 0);
         if (got == MAP_FAILED) return nullptr;
@@ -190,10 +207,12 @@ void *MapLow(size_t bytes) {
 }
 
 // The block of a handle, or null for 0, a stale handle or a foreign value.
-// Called with tableLock held.
+// Called with the lock held.
 Block *Find(void *handle) {
     uintptr_t value = reinterpret_cast<uintptr_t>(handle);
     if (value == 0) return nullptr;
+    const std::unordered_map<uintptr_t, uint32_t> &fixedSlots = S().fixedSlots;
+    std::vector<Block> &table = S().table;
     if (!(value & 1)) {
         auto found = fixedSlots.find(value);
         return found == fixedSlots.end() ? nullptr : &table[found->second];
@@ -216,12 +235,13 @@ void *Allocate(UINT flags, uintptr_t bytes) {
     const size_t dataPages = (rounded + page - 1) & ~(page - 1);
     const size_t mappingBytes = dataPages + page;
 
-    std::lock_guard<std::mutex> hold(tableLock);
+    State &s = S();
+    std::lock_guard<std::mutex> hold(s.lock);
     uint32_t slot;
-    if (!freeSlots.empty()) {
-        slot = freeSlots.back();
-    } else if (table.size() <= MaxSlots) {
-        slot = uint32_t(table.size());
+    if (!s.freeSlots.empty()) {
+        slot = s.freeSlots.back();
+    } else if (s.table.size() <= MaxSlots) {
+        slot = uint32_t(s.table.size());
     } else {
         SetLastError(ENOMEM);
         return nullptr;
@@ -243,11 +263,12 @@ void *Allocate(UINT flags, uintptr_t bytes) {
     }
     uint8_t *guard = mapping + dataPages;
     uint8_t *data = guard - rounded;
-    // A fresh mapping reads as zeros; without GMEM_ZEROINIT the content is
-    // undefined, and a fill pattern makes reliance on zeros show.
+    // A fresh mapping reads as zeros.  Without GMEM_ZEROINIT the content is
+    // undefined, and a fill pattern makes reliance on zeros show; only the
+    // first MaxFill bytes, so that a huge block is not committed at once.
     TL_UNPOISON(data, bytes);
     if (!(flags & LMEM_ZEROINIT)) {
-        std::memset(data, UndefinedFill, bytes);
+        std::memset(data, UndefinedFill, bytes < MaxFill ? bytes : MaxFill);
     } else if (reused) {
         std::memset(data, 0, bytes);
     }
@@ -260,12 +281,12 @@ void *Allocate(UINT flags, uintptr_t bytes) {
         TL_POISON(data, rounded);  // unlocked: no access at all
     }
 
-    if (slot == table.size()) {
-        table.emplace_back();
+    if (slot == s.table.size()) {
+        s.table.emplace_back();
     } else {
-        freeSlots.pop_back();
+        s.freeSlots.pop_back();
     }
-    Block &block = table[slot];
+    Block &block = s.table[slot];
     block.mapping = mapping;
     block.mappingBytes = mappingBytes;
     block.data = data;
@@ -275,14 +296,15 @@ void *Allocate(UINT flags, uintptr_t bytes) {
     block.fixed = fixed;
     liveBlocks.fetch_add(1, std::memory_order_relaxed);
     if (fixed) {
-        fixedSlots.emplace(reinterpret_cast<uintptr_t>(data), slot);
+        s.fixedSlots.emplace(reinterpret_cast<uintptr_t>(data), slot);
         return data;
     }
     return reinterpret_cast<void *>((uintptr_t(block.generation) << 17) | (uintptr_t(slot) << 1) | 1);
 }
 
 void *Lock(void *handle) {
-    std::lock_guard<std::mutex> hold(tableLock);
+    State &s = S();
+    std::lock_guard<std::mutex> hold(s.lock);
     Block *block = Find(handle);
     if (!block) {
         SetLastError(EINVAL);
@@ -290,12 +312,13 @@ void *Lock(void *handle) {
     }
     if (block->fixed) return block->data;
     if (block->locks == 0) TL_UNPOISON(block->data, block->size);
-    block->locks++;
+    if (block->locks < INT32_MAX) block->locks++;  // beyond, the block simply stays locked
     return block->data;
 }
 
 BOOL Unlock(void *handle) {
-    std::lock_guard<std::mutex> hold(tableLock);
+    State &s = S();
+    std::lock_guard<std::mutex> hold(s.lock);
     Block *block = Find(handle);
     if (!block) {
         SetLastError(EINVAL);
@@ -313,25 +336,26 @@ BOOL Unlock(void *handle) {
 
 // A locked block is freed too, as Win32 does.
 void *Free(void *handle) {
-    std::lock_guard<std::mutex> hold(tableLock);
+    State &s = S();
+    std::lock_guard<std::mutex> hold(s.lock);
     Block *block = Find(handle);
     if (!block) {
         SetLastError(EINVAL);
         return handle;
     }
-    if (block->mappingBytes <= MaxSpareMapping && spares.size() < MaxSpares) {
+    if (block->mappingBytes <= MaxSpareMapping && s.spares.size() < MaxSpares) {
         TL_POISON(block->mapping, block->mappingBytes);
-        spares.push_back({block->mapping, block->mappingBytes});
+        s.spares.push_back({block->mapping, block->mappingBytes});
     } else {
         TL_UNPOISON(block->mapping, block->mappingBytes);  // the shadow outlives the mapping
         munmap(block->mapping, block->mappingBytes);
     }
-    uint32_t slot = uint32_t(block - table.data());
-    if (block->fixed) fixedSlots.erase(reinterpret_cast<uintptr_t>(block->data));
+    uint32_t slot = uint32_t(block - s.table.data());
+    if (block->fixed) s.fixedSlots.erase(reinterpret_cast<uintptr_t>(block->data));
     uint32_t generation = block->generation == MaxGeneration ? 1 : block->generation + 1;
     *block = Block{};
     block->generation = generation;
-    freeSlots.push_back(slot);
+    s.freeSlots.push_back(slot);
     liveBlocks.fetch_sub(1, std::memory_order_relaxed);
     return nullptr;
 }
@@ -344,7 +368,8 @@ extern "C" int32_t GlobalUnlock(TL_HANDLE block) { return Unlock(block); }
 extern "C" TL_HANDLE GlobalFree(TL_HANDLE block) { return Free(block); }
 
 uintptr_t GlobalSize(HGLOBAL handle) {
-    std::lock_guard<std::mutex> hold(tableLock);
+    State &s = S();
+    std::lock_guard<std::mutex> hold(s.lock);
     Block *block = Find(handle);
     return block ? block->size : 0;
 }

@@ -217,6 +217,17 @@ TEST(MovableMemoryDeathTest, OverrunsAndUseAfterUnlockFault) {
         "use-after-poison");
     EXPECT_DEATH(
         {
+            TL_HANDLE block = GlobalAlloc(GHND, 13);
+            void *bytes = GlobalLock(block);
+            GlobalLock(block);
+            GlobalUnlock(block);
+            ReadAt(bytes, 12);  // still locked once: fine
+            GlobalUnlock(block);
+            ReadAt(bytes, 12);
+        },
+        "use-after-poison");
+    EXPECT_DEATH(
+        {
             TL_HANDLE block = GlobalAlloc(GHND, 100);
             void *bytes = GlobalLock(block);
             GlobalFree(block);
