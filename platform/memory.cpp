@@ -36,7 +36,12 @@
 
 #include "platform/win32.h"
 
-#if defined(TL_ASAN) || defined(__SANITIZE_ADDRESS__)
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define TL_HAS_ASAN 1
+#endif
+#endif
+#if defined(TL_ASAN) || defined(__SANITIZE_ADDRESS__) || defined(TL_HAS_ASAN)
 #include <sanitizer/asan_interface.h>
 #define TL_POISON(address, bytes) ASAN_POISON_MEMORY_REGION(address, bytes)
 #define TL_UNPOISON(address, bytes) ASAN_UNPOISON_MEMORY_REGION(address, bytes)

@@ -16,7 +16,12 @@
 #include "support/support.h"
 #include "tolimage_posix.h"
 
-#if defined(TL_ASAN) || defined(__SANITIZE_ADDRESS__)
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define TL_HAS_ASAN 1
+#endif
+#endif
+#if defined(TL_ASAN) || defined(__SANITIZE_ADDRESS__) || defined(TL_HAS_ASAN)
 #define TL_TEST_ASAN 1
 #else
 #define TL_TEST_ASAN 0
