@@ -92,6 +92,8 @@ TL_HANDLE ReadIMG(char *name, int32_t imageNumber) {
     switch (type) {
         case TypeBMP:
             return ReadDIB(name, imageNumber);
+        case TypePCX:
+            return ReadPCX(name, imageNumber);
         // PCX, TIFF and RAS files are recognised; their readers join here as
         // they are built, and until then such a file gives no image.
         default:
