@@ -6,7 +6,10 @@
 // of 16 ends exactly at the guard page, so the first byte past it faults.
 // The start is 16-aligned; the slack of up to 15 bytes between the end and
 // the guard page is caught under AddressSanitizer, which also sees every
-// access to a block while it is not locked.
+// access to a block while it is not locked.  A block of 0 bytes is valid;
+// its address is that of its guard page, so that any access faults.  Larger
+// than 1 GiB is refused (ENOMEM), as is a block for which no room is left
+// below 2 GiB: like 32-bit Windows, a huge block needs one free range.
 //
 // The handle of a movable block (GMEM_MOVEABLE) is not an address but a slot
 // of a table with a generation count, (generation << 17 | slot << 1 | 1):
