@@ -5,6 +5,8 @@
 //   tolimage convert FILE OUT --all
 //                               every image of a multi-image (RAS) file, to
 //                               OUT with the image number before the extension
+//   tolimage raster FILE OUT    the raster the engine is handed, as PBM
+//   tolimage show FILE          that raster drawn in the terminal
 //
 // Exit status: 0 when every file loaded, 1 when one did not, 2 on bad usage.
 // The library's reports go to standard error.
@@ -14,6 +16,7 @@
 
 #include "cli/image_file.h"
 #include "cli/walk.h"
+#include "cli/raster.h"
 #include "tolimage_posix.h"
 
 namespace {
@@ -21,7 +24,9 @@ namespace {
 int Usage() {
     fprintf(stderr,
             "usage: tolimage info FILE...\n"
-            "       tolimage convert FILE OUT [--all]\n");
+            "       tolimage convert FILE OUT [--all]\n"
+            "       tolimage raster FILE OUT.pbm\n"
+            "       tolimage show FILE\n");
     return 2;
 }
 
@@ -29,7 +34,7 @@ int Info(int count, char **files) {
     int status = 0;
     for (int i = 0; i < count; ++i) {
         std::string path = files[i];
-        TL_HANDLE block = cli::LoadImage(path, 0);
+        TL_HANDLE block = cli::LoadImage(path, 0, &path);
         cli::Bitmap bitmap;
         if (!block || !cli::CopyBitmap(block, bitmap)) {
             if (block) GlobalFree(block);
@@ -79,5 +84,7 @@ int main(int argc, char **argv) {
     if (strcmp(argv[1], "convert") == 0 && argc == 4) return Convert(argv[2], argv[3]);
     if (strcmp(argv[1], "convert") == 0 && argc == 5 && strcmp(argv[4], "--all") == 0)
         return cli::ConvertAll(argv[2], argv[3]);
+    if (strcmp(argv[1], "raster") == 0 && argc == 4) return RasterCommand(argv[2], argv[3]);
+    if (strcmp(argv[1], "show") == 0 && argc == 3) return ShowCommand(argv[2]);
     return Usage();
 }

@@ -8,6 +8,7 @@
 #include "cli/walk.h"
 
 #include <cstdio>
+#include <unistd.h>
 
 #include "cli/image_file.h"
 #include "tolimage_posix.h"
@@ -17,8 +18,13 @@ namespace cli {
 namespace {
 
 // Leaves the reader of `file`'s format with no walk in progress.  False when
-// the file cannot be read at all.
+// the file cannot be read at all.  A missing file is refused here: the
+// library would offer its file dialog for every call of the walk.
 bool StartAfresh(const std::string &file) {
+    if (access(file.c_str(), F_OK) != 0) {
+        fprintf(stderr, "tolimage: %s: no such file\n", file.c_str());
+        return false;
+    }
     TL_HANDLE first = LoadImage(file, 0);
     if (first) GlobalFree(first);
     if (TL_ERRORSTATUS_E()) return false;
