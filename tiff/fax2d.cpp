@@ -59,6 +59,25 @@ inline void FaxBlackTo(uint8_t *row, int32_t a0, int32_t to, int32_t width) {
     if (to > start) FaxBlackSpan(row, start, to, (width - 1) >> 3);
 }
 
+// The run from a0 (from 0 while a0 is before the row) up to `to`, clipped
+// at width, in `colour`: black pixels are set, white ones are already
+// there.  The colour and an empty run don't branch: they make a mask of 0.
+inline void FaxRunTo(uint8_t *row, int32_t a0, int32_t to, int32_t colour, int32_t width) {
+    const int32_t start = a0 < 0 ? 0 : a0;  // below width: a0 is
+    if (to > width) to = width;
+    const int32_t count = (to - start) & -int32_t(colour != 0 && to > start);
+    const int32_t k = start & 7;
+    const int32_t b = start >> 3;
+    if (k + count <= 16) {
+        const int32_t lastByte = (width - 1) >> 3;
+        const uint32_t mask = (0xFFFFu >> k) & ~(0xFFFFu >> (k + count));
+        row[b] |= uint8_t(mask >> 8);
+        row[b < lastByte ? b + 1 : b] |= uint8_t(mask);
+    } else {
+        FaxFillSpan(row + b, start, count);
+    }
+}
+
 // What ends a row: under compression 3 the search for its EOL.
 inline int32_t FaxEndRow2D(FaxBits &bits, int32_t a0, int32_t width) {
     if (faxScheme == TiffCompressionCcittG3) FaxSkipToEol(bits, 0);
@@ -98,7 +117,7 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeRow2DLocal(FaxBits
         if (action >= 3 && action <= 9) {
             // Vertical: a1 = b1 + action - 6; the run up to a1 has colour.
             int32_t a1 = FaxFindB1(ref, a0, colour, width) + int32_t(action) - 6;
-            if (colour) FaxBlackTo(row, a0, a1, width);
+            FaxRunTo(row, a0, a1, colour, width);
             a0 = a1;  // may move back by up to three pixels; set pixels stay
             colour ^= 1;
         } else if (action == FaxModeHorizontal) {
