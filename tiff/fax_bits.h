@@ -30,7 +30,7 @@ constexpr uint32_t FaxMaxWidth = 1u << 29;
 constexpr uint32_t FaxRunCeiling = 1u << 30;
 
 // Reports "Unexpected code in line %ld" with currentRow under "TIFF Read".
-void FaxReportUnexpectedCode();
+[[gnu::cold]] void FaxReportUnexpectedCode();
 
 // Entry of a state table: action in bits 8..15, next state in bits 0..7.
 inline uint32_t FaxLookup(const uint16_t *table, uint32_t row, uint32_t byte) {
@@ -38,7 +38,8 @@ inline uint32_t FaxLookup(const uint16_t *table, uint32_t row, uint32_t byte) {
 }
 
 inline bool FaxFetchByte(FaxBits &bits) {
-    if (bits.left < 1) return false;
+    if (bits.left < 1) [[unlikely]]
+        return false;
     --bits.left;
     bits.curByte = bits.byteMap[*bits.cursor++];
     return true;
