@@ -2,6 +2,8 @@
 //
 //   tolimage info FILE...       format, size, depth, colours, resolution
 //   tolimage convert FILE OUT   a 1-bit image as PBM, any other as PPM
+//   tolimage raster FILE OUT    the raster the engine is handed, as PBM
+//   tolimage show FILE          that raster drawn in the terminal
 //
 // Exit status: 0 when every file loaded, 1 when one did not, 2 on bad usage.
 // The library's reports go to standard error.
@@ -10,6 +12,7 @@
 #include <string>
 
 #include "cli/image_file.h"
+#include "cli/raster.h"
 #include "tolimage_posix.h"
 
 namespace {
@@ -17,7 +20,9 @@ namespace {
 int Usage() {
     fprintf(stderr,
             "usage: tolimage info FILE...\n"
-            "       tolimage convert FILE OUT\n");
+            "       tolimage convert FILE OUT\n"
+            "       tolimage raster FILE OUT.pbm\n"
+            "       tolimage show FILE\n");
     return 2;
 }
 
@@ -25,7 +30,7 @@ int Info(int count, char **files) {
     int status = 0;
     for (int i = 0; i < count; ++i) {
         std::string path = files[i];
-        TL_HANDLE block = cli::LoadImage(path, 0);
+        TL_HANDLE block = cli::LoadImage(path, 0, &path);
         cli::Bitmap bitmap;
         if (!block || !cli::CopyBitmap(block, bitmap)) {
             if (block) GlobalFree(block);
@@ -66,5 +71,7 @@ int main(int argc, char **argv) {
     cli::ReportToStderr();
     if (strcmp(argv[1], "info") == 0) return Info(argc - 2, argv + 2);
     if (strcmp(argv[1], "convert") == 0 && argc == 4) return Convert(argv[2], argv[3]);
+    if (strcmp(argv[1], "raster") == 0 && argc == 4) return RasterCommand(argv[2], argv[3]);
+    if (strcmp(argv[1], "show") == 0 && argc == 3) return ShowCommand(argv[2]);
     return Usage();
 }

@@ -17,7 +17,7 @@
 namespace {
 
 constexpr int MaxOutput = 1024;
-constexpr int MaxField = MaxOutput;  // a larger width or precision changes nothing once cut
+constexpr int MaxField = MaxOutput + 1;  // a wider field or precision changes nothing once cut
 
 // Reads a decimal number at *cursor, saturating at MaxField.
 int ReadNumber(const char **cursor) {
