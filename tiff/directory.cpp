@@ -16,7 +16,7 @@
 #include "services/abort.h"
 #include "services/errors.h"
 #include "services/files.h"
-#include "tiff/fax_calls.h"
+#include "tiff/fax.h"
 #include "tiff/lzw.h"
 
 static_assert(std::endian::native == std::endian::little,

@@ -19,7 +19,7 @@
 #include "services/errors.h"
 #include "services/files.h"
 #include "tiff/directory.h"
-#include "tiff/fax_calls.h"
+#include "tiff/fax.h"
 #include "tiff/lzw.h"
 
 namespace {
