@@ -4,8 +4,10 @@
 // A row is decoded against the reference line (the row before, white at a
 // strip's start) by mode codes.  a0 is the pixel reached, colour the colour
 // of the run that starts there; b1 and b2 are found on the reference line by
-// FaxFindSpan, which reads the guard byte before the line for the positions
-// -8..-1, all white.
+// a cursor of 64-pixel windows (FaxNextPixel) that only moves forward from
+// a0 and gives what FaxFindOnes and FaxFindZeros give, with fewer steps.
+// It reads the guard byte before the line for the positions -8..-1, all
+// white, and the zero bytes behind the line's end.
 #include <cstring>
 
 #include "tiff/directory.h"

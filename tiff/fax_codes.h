@@ -71,6 +71,9 @@ inline constexpr std::array<std::string_view, 13> ExtendedMakeUp = {
     "000000011101", "000000011110", "000000011111",
 };
 
+// EOL: eleven zero bits and a 1.  In FaxRunTable a twelfth zero bit is no
+// code word (action 1): more zero bits are fill, which only FaxSkipToEol
+// accepts, and they never stand inside a row.
 inline constexpr std::string_view Eol = "000000000001";
 
 // The 105 code words of one colour with their FaxRunTable actions.
@@ -159,6 +162,11 @@ constexpr Tree BuildTree(const std::array<Code, N> &codes, uint32_t firstState) 
     return t;
 }
 
+// A refused pattern leaves the position behind its refused bit, as a
+// completed word does: every look-up that isn't action 0 consumes at least
+// one bit, so no fault can make the decoders stand still, and the EOL
+// search or byte alignment behind a bad code starts after it.
+//
 // Fills the entries of table row `row` for every byte whose bits from the
 // top up to bit `bit` are those of `high`, the code word being followed
 // having reached `node`: a completed word gives its action and the position
