@@ -79,6 +79,7 @@ int32_t FaxPrepareStrip() {
         if (withRef) {
             base[sizeof(FaxState)] = 0;  // the guard byte: white pixels before pixel 0
             faxState->refLine = base + sizeof(FaxState) + 1;
+            std::memset(faxState->refLine + faxState->rowBytes, 0, FaxRefSlack);  // read, never written
         } else {
             faxState->refLine = nullptr;
         }
