@@ -94,11 +94,11 @@ TL_HANDLE ReadIMG(char *name, int32_t imageNumber) {
             return ReadDIB(name, imageNumber);
         case TypePCX:
             return ReadPCX(name, imageNumber);
+        case TypeTIFF:
+            return ReadTIF(name, imageNumber);
         case TypeRAS:
             return ReadRAS(name, imageNumber);
-        // PCX, TIFF and RAS files are recognised; their readers join here as
-        // they are built, and until then such a file gives no image.
-        default:
+        default:  // unknown: no image, and no error
             return nullptr;
     }
 }

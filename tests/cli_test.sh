@@ -56,6 +56,13 @@ printf 'B' > "$out/one.bin"
 expect 1 "$tool" info "$out/one.bin"
 grep -q "tolimage: ReadIMG: $out/one.bin" "$out/stderr" || { echo "FAIL: report on stderr"; cat "$out/stderr"; fail=1; }
 
+expect 0 "$tool" info "$samples/sample.tif"
+grep -q "sample.tif: TIFF, 1728 x 1100, 1 bpp, 2 colours" "$out/stdout" || { echo "FAIL: TIFF info line"; cat "$out/stdout"; fail=1; }
+expect 0 "$tool" convert "$fixtures/tiff/w33_lzw_mm.tif" "$out/w33.pbm"
+cmp -s "$out/w33.pbm" "$fixtures/tiff/src/w33.pbm" || { echo "FAIL: TIFF PBM differs from its source"; fail=1; }
+expect 1 "$tool" info "$fixtures/tiff/refuse_tiled.tif"
+grep -q "TIFF Read: Missing tag value StripOffsets" "$out/stderr" || { echo "FAIL: TIFF refusal"; cat "$out/stderr"; fail=1; }
+
 # The host raster: as PBM it is the pattern the fixtures were made from,
 # whichever palette order the file has; drawn, the pattern's dark corner
 # stands at the top left.

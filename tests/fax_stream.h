@@ -1,0 +1,176 @@
+// fax_stream.h - what the fax tests share: a writer of CCITT bit streams
+// (run codes, mode codes, EOLs, raw bits), a plain per-pixel encoder of
+// two-dimensional rows to compare the decoder with, and a harness that
+// decodes a stream through the strip engine's entry points.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/win32.h"
+#include "services/errors.h"
+#include "tiff/directory.h"
+#include "tiff/fax.h"
+#include "tiff/fax_codes.h"
+
+namespace faxtest {
+
+// Appends bits, first bit at the top of a byte.
+struct BitWriter {
+    std::vector<uint8_t> bytes;
+    uint32_t bits = 0;
+
+    void Bit(int b) {
+        if (bits % 8 == 0) bytes.push_back(0);
+        if (b) bytes.back() |= uint8_t(0x80u >> (bits % 8));
+        ++bits;
+    }
+    BitWriter &Bits(std::string_view text) {
+        for (char c : text)
+            if (c == '0' || c == '1') Bit(c == '1');
+        return *this;
+    }
+    BitWriter &Zeros(int n) {
+        for (int i = 0; i < n; ++i) Bit(0);
+        return *this;
+    }
+    // A run of `black` colour: make-up codes of 2560 while more is left,
+    // then one make-up code and the terminating code.
+    BitWriter &Run(bool black, uint32_t n) {
+        while (n > 2623) {
+            Bits(faxcodes::ExtendedMakeUp[12]);
+            n -= 2560;
+        }
+        if (n >= 64) {
+            uint32_t m = n / 64;
+            if (m <= 27)
+                Bits(black ? faxcodes::BlackMakeUp[m - 1] : faxcodes::WhiteMakeUp[m - 1]);
+            else
+                Bits(faxcodes::ExtendedMakeUp[m - 28]);
+            n -= m * 64;
+        }
+        return Bits(black ? faxcodes::BlackTerminating[n] : faxcodes::WhiteTerminating[n]);
+    }
+    BitWriter &Eol() { return Bits(faxcodes::Eol); }
+    BitWriter &Align() {
+        while (bits % 8) Bit(0);
+        return *this;
+    }
+};
+
+// A row of pixels, true black.
+using Row = std::vector<bool>;
+
+inline bool Pixel(const Row &row, int32_t i) { return i >= 0 && i < int32_t(row.size()) && row[size_t(i)]; }
+
+// One-dimensional coding of a row: white, black, white ... runs.
+inline void Encode1D(BitWriter &w, const Row &row) {
+    int32_t width = int32_t(row.size());
+    int32_t pos = 0;
+    bool black = false;
+    do {
+        int32_t end = pos;
+        while (end < width && row[size_t(end)] == black) ++end;
+        w.Run(black, uint32_t(end - pos));
+        pos = end;
+        black = !black;
+    } while (pos < width);
+}
+
+// Two-dimensional coding of a row against ref, pixel by pixel as T.4 tells
+// it: the changing elements are looked for one pixel at a time.
+inline void Encode2D(BitWriter &w, const Row &row, const Row &ref) {
+    int32_t width = int32_t(row.size());
+    auto nextChange = [&](const Row &line, int32_t from, bool colour) {
+        // first i > from with pixel colour and the pixel before it not
+        for (int32_t i = from + 1; i < width; ++i)
+            if (Pixel(line, i) == colour && Pixel(line, i - 1) != colour) return i;
+        return width;
+    };
+    auto nextDiff = [&](const Row &line, int32_t from) {
+        for (int32_t i = from + 1; i < width; ++i)
+            if (Pixel(line, i) != Pixel(line, i - 1)) return i;
+        return width;
+    };
+    int32_t a0 = -1;
+    bool colour = false;
+    while (a0 < width) {
+        int32_t a1 = a0 + 1;
+        while (a1 < width && Pixel(row, a1) == colour) ++a1;
+        int32_t b1 = nextChange(ref, a0, !colour);
+        int32_t b2 = nextDiff(ref, b1);
+        if (b2 < a1) {
+            w.Bits("0001");
+            a0 = b2;
+        } else if (a1 - b1 >= -3 && a1 - b1 <= 3) {
+            static const char *const vertical[7] = {"0000010", "000010", "010", "1", "011", "000011", "0000011"};
+            w.Bits(vertical[a1 - b1 + 3]);
+            a0 = a1;
+            colour = !colour;
+        } else {
+            int32_t a2 = a1;
+            while (a2 < width && Pixel(row, a2) == !colour) ++a2;
+            int32_t start = a0 < 0 ? 0 : a0;
+            w.Bits("001");
+            w.Run(colour, uint32_t(a1 - start));
+            w.Run(!colour, uint32_t(a2 - a1));
+            a0 = a2;
+        }
+    }
+}
+
+// Packs a row as the decoder writes it: leftmost pixel in the top bit.
+inline std::vector<uint8_t> Pack(const Row &row) {
+    std::vector<uint8_t> out((row.size() + 7) / 8, 0);
+    for (size_t i = 0; i < row.size(); ++i)
+        if (row[i]) out[i / 8] |= uint8_t(0x80u >> (i % 8));
+    return out;
+}
+
+// Sets up TiffImage for one strip of `data`, as the directory and the strip
+// engine would, and runs the decoder's per-image and per-strip starts.
+struct Strip {
+    std::vector<uint8_t> data;
+    int32_t prepared = 0;
+    bool overrun = false;  // a row was written past its bytes
+
+    Strip(uint16_t compression, uint32_t width, std::vector<uint8_t> bytes, uint32_t group3Options = 0,
+          uint16_t fillOrder = 1)
+        : data(std::move(bytes)) {
+        std::memset(&TiffImage, 0, sizeof TiffImage);
+        TiffImage.imageWidth = width;
+        TiffImage.scanlineSize = (width + 7) / 8;
+        TiffImage.compression = compression;
+        TiffImage.group3Options = group3Options;
+        TiffImage.fillOrder = fillOrder;
+        TiffImage.isCcitt = true;
+        TiffImage.currentRow = 0;
+        FaxStart(compression);
+        Restart();
+    }
+    ~Strip() { FaxRelease(); }
+    // Back to the strip's first byte, as a new strip starts.
+    void Restart() {
+        TiffImage.rawCursor = data.data();
+        TiffImage.rawLeft = int32_t(data.size());
+        TiffImage.currentRow = 0;
+        prepared = FaxPrepareStrip();
+    }
+    // Decodes one row as TIFFDecodeLine does; the driver's result in *result.
+    std::vector<uint8_t> Next(int32_t *result = nullptr) {
+        std::vector<uint8_t> row(TiffImage.scanlineSize + 8, 0xAA);  // 8 bytes of sentinel
+        int32_t r = TiffImage.compression == 4 ? FaxDecodeRowsG4(row.data(), int32_t(TiffImage.scanlineSize))
+                                               : FaxDecodeRows(row.data(), int32_t(TiffImage.scanlineSize));
+        ++TiffImage.currentRow;
+        if (result) *result = r;
+        for (size_t i = TiffImage.scanlineSize; i < row.size(); ++i)
+            if (row[i] != 0xAA) overrun = true;
+        row.resize(TiffImage.scanlineSize);
+        return row;
+    }
+};
+
+}  // namespace faxtest

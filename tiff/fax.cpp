@@ -1,0 +1,245 @@
+// fax.cpp - CCITT decoding shared by all three compressions: the working
+// record, its start, strip preparation and release; the routines of the bit
+// stream on the static state; one-dimensional rows and the row driver of
+// compressions 2 and 3.
+#include "tiff/fax.h"
+
+#include <cstring>
+
+#include "core/checked.h"
+#include "platform/win32.h"
+#include "services/blocks.h"
+#include "services/errors.h"
+#include "tiff/directory.h"
+#include "tiff/fax_bits.h"
+#include "tiff/lines.h"
+
+FaxState *faxState = nullptr;
+uint16_t faxScheme = 0;
+
+namespace {
+
+const char *const FaxBlockLabel = "TIFFDFAX STARTCCITT fax3_h_sp";
+
+// The stream of the current strip, taken from and given back to the statics.
+FaxBits LoadBits() {
+    FaxBits bits;
+    bits.cursor = TiffImage.rawCursor;
+    bits.left = TiffImage.rawLeft;
+    bits.curByte = faxState->curByte;
+    bits.position = faxState->position;
+    bits.byteMap = faxState->byteMap;
+    return bits;
+}
+
+void StoreBits(const FaxBits &bits) {
+    TiffImage.rawCursor = const_cast<uint8_t *>(bits.cursor);
+    TiffImage.rawLeft = bits.left;
+    faxState->curByte = uint16_t(bits.curByte);
+    faxState->position = int16_t(bits.position);
+}
+
+bool HasReferenceLine() { return (TiffImage.group3Options & 1u) != 0 || faxScheme == TiffCompressionCcittG4; }
+
+}  // namespace
+
+void FaxReportUnexpectedCode() {
+    wsprintfA(TiffImage.messageBuffer, "Unexpected code in line %ld", long(TiffImage.currentRow));
+    ReportError("TIFF Read", TiffImage.messageBuffer, 0);
+}
+
+void FaxStart(uint16_t scheme) {
+    TiffImage.ccittBlock = MemoryBlock{0, 0, nullptr};
+    faxState = nullptr;
+    faxScheme = scheme;
+}
+
+int32_t FaxPrepareStrip() {
+    if (faxState == nullptr) {
+        // The decoders write rowPixels pixels into rows of rowBytes bytes; a
+        // width whose byte count wrapped in 32 bits, or one past the ceiling
+        // of run lengths, is refused here rather than trusted.
+        uint32_t width = TiffImage.imageWidth;
+        if (width > FaxMaxWidth || TiffImage.scanlineSize != (width + 7) / 8) return 0;
+        uint32_t size = sizeof(FaxState);
+        bool withRef = HasReferenceLine();
+        // Record, guard byte, reference line, and FaxRefSlack zero bytes
+        // that the reference line's cursor may read behind its end.
+        if (withRef && !checked::Add(size + 1 + FaxRefSlack, TiffImage.scanlineSize, &size)) return 0;
+        if (!BlockAlloc(&TiffImage.ccittBlock, 0, 1, size, FaxBlockLabel)) return 0;
+        auto *base = static_cast<uint8_t *>(BlockLock(&TiffImage.ccittBlock));
+        if (base == nullptr) {
+            BlockFree(&TiffImage.ccittBlock);
+            return 0;
+        }
+        faxState = reinterpret_cast<FaxState *>(base);
+        faxState->rowBytes = TiffImage.scanlineSize;
+        faxState->rowPixels = width;
+        faxState->byteMap = BitOrderTable(TiffImage.fillOrder != 1);
+        if (withRef) {
+            base[sizeof(FaxState)] = 0;  // the guard byte: white pixels before pixel 0
+            faxState->refLine = base + sizeof(FaxState) + 1;
+            std::memset(faxState->refLine + faxState->rowBytes, 0, FaxRefSlack);  // read, never written
+        } else {
+            faxState->refLine = nullptr;
+        }
+    }
+    faxState->position = 0;
+    faxState->curByte = 0;
+    faxState->nextIs2D = 0;
+    if (faxState->refLine != nullptr) std::memset(faxState->refLine, 0, faxState->rowBytes);
+    if (faxScheme != TiffCompressionCcittG3) return 1;
+    FaxBits bits = LoadBits();
+    FaxSkipToEol(bits, 0);
+    if (TiffImage.group3Options & 1u) faxState->nextIs2D = FaxReadTagBit(bits) == 0 ? 1 : 0;
+    StoreBits(bits);
+    return 1;
+}
+
+void FaxRelease() {
+    if (TiffImage.ccittBlock.handle != 0) {
+        BlockUnlock(&TiffImage.ccittBlock);
+        BlockFree(&TiffImage.ccittBlock);
+    }
+    faxState = nullptr;
+}
+
+// ---- the bit stream on the static state ----
+
+bool FaxFetchByte() {
+    FaxBits bits = LoadBits();
+    bool fetched = FaxFetchByte(bits);
+    StoreBits(bits);
+    return fetched;
+}
+
+void FaxSkipToEol(int32_t zerosSeen) {
+    FaxBits bits = LoadBits();
+    FaxSkipToEol(bits, zerosSeen);
+    StoreBits(bits);
+}
+
+uint32_t FaxReadTagBit() {
+    FaxBits bits = LoadBits();
+    uint32_t bit = FaxReadTagBit(bits);
+    StoreBits(bits);
+    return bit;
+}
+
+int32_t FaxDecodeRun(int32_t colour) {
+    FaxBits bits = LoadBits();
+    int32_t run = FaxDecodeRun(bits, colour);
+    StoreBits(bits);
+    return run;
+}
+
+int32_t FaxDecodeRow1D(uint8_t *row, int32_t width) {
+    FaxBits bits = LoadBits();
+    int32_t result = FaxDecodeRow1D(bits, row, width);
+    StoreBits(bits);
+    return result;
+}
+
+int32_t FaxReadUncompressedCode() {
+    FaxBits bits = LoadBits();
+    int32_t code = FaxReadUncompressedCode(bits);
+    StoreBits(bits);
+    return code;
+}
+
+int32_t FaxDecodeRow2D(uint8_t *row, int32_t width) {
+    FaxBits bits = LoadBits();
+    int32_t result = FaxDecodeRow2D(bits, row, faxState->refLine, width);
+    StoreBits(bits);
+    return result;
+}
+
+int32_t FaxFindZeros(const uint8_t *line, int32_t start, int32_t end) { return FaxFindSpan<false>(line, start, end); }
+int32_t FaxFindOnes(const uint8_t *line, int32_t start, int32_t end) { return FaxFindSpan<true>(line, start, end); }
+
+// ---- one-dimensional rows ----
+
+namespace {
+
+// What ends every row: under compression 3 the search for its EOL, under
+// compression 2 the drop of the rest of the byte.
+inline void FaxEndRow1D(FaxBits &bits) {
+    if (faxScheme == TiffCompressionCcittG3)
+        FaxSkipToEol(bits, 0);
+    else if (faxScheme == TiffCompressionCcittRle)
+        bits.position = 0;
+}
+
+}  // namespace
+
+// The row decoder works on a copy of the stream in locals, which writes to
+// the row (bytes, which may alias anything) can't force back to memory.
+static inline __attribute__((always_inline)) int32_t FaxDecodeRow1DLocal(FaxBits &bits, uint8_t *row,
+                                                                         int32_t width) {
+    int32_t pos = 0;
+    int32_t run;
+    for (;;) {
+        run = FaxDecodeRun(bits, 0);
+        if (run < 0) break;
+        // Compared as width - pos, never as pos + run, so that no sum wraps.
+        if (run >= width - pos) {
+            pos = width;  // the codes behind this run aren't part of the row
+            FaxEndRow1D(bits);
+            return 1;
+        }
+        pos += run;
+        run = FaxDecodeRun(bits, FaxBlack);
+        if (run < 0) break;
+        if (run > 0) {
+            if (run >= width - pos) {
+                FaxBlackSpan(row, pos, width, (width - 1) >> 3);  // clipped at the row's end
+                FaxEndRow1D(bits);
+                return 1;
+            }
+            FaxBlackSpan(row, pos, pos + run, (width - 1) >> 3);
+            pos += run;
+        }
+    }
+    if (run == -3) return -3;
+    if (run == -1) return 1;  // EOL inside the row: the rest stays white
+    FaxReportUnexpectedCode();
+    FaxEndRow1D(bits);
+    return pos == width ? 1 : -1;
+}
+
+int32_t FaxDecodeRow1D(FaxBits &bits, uint8_t *row, int32_t width) {
+    FaxBits local = bits;
+    int32_t result = FaxDecodeRow1DLocal(local, row, width);
+    bits = local;
+    return result;
+}
+
+int32_t FaxDecodeRows(uint8_t *row, int32_t size) {
+    if (size > 0) std::memset(row, 0, size_t(size));
+    if (size < 1 || faxState == nullptr) return 1;
+    const uint32_t rowBytes = faxState->rowBytes;
+    const int32_t width = int32_t(faxState->rowPixels);
+    const bool tagged = (TiffImage.group3Options & 1u) != 0;
+    // A row takes rowBytes bytes; a size that holds no whole row more ends
+    // the call, so that no row is written past the caller's buffer.
+    if (rowBytes == 0) return 1;
+    FaxBits bits = LoadBits();
+    while (uint32_t(size) >= rowBytes) {
+        int32_t result = faxState->nextIs2D ? FaxDecodeRow2D(bits, row, faxState->refLine, width)
+                                             : FaxDecodeRow1D(bits, row, width);
+        if (result == -3) break;
+        if (tagged) {
+            if (FaxReadTagBit(bits) == 0) {
+                faxState->nextIs2D = 1;
+                std::memcpy(faxState->refLine, row, rowBytes);
+            } else {
+                faxState->nextIs2D = 0;
+            }
+        }
+        row += rowBytes;
+        size -= int32_t(rowBytes);
+        if (size != 0) ++TiffImage.currentRow;
+    }
+    StoreBits(bits);
+    return 1;
+}

@@ -1,0 +1,224 @@
+// fax2d.cpp - two-dimensional rows (T.4 two-dimensional coding, T.6) and
+// the row driver of compression 4.
+//
+// A row is decoded against the reference line (the row before, white at a
+// strip's start) by mode codes.  a0 is the pixel reached, colour the colour
+// of the run that starts there; b1 and b2 are found on the reference line by
+// a cursor of 64-pixel windows (FaxNextPixel) that only moves forward from
+// a0 and gives what FaxFindOnes and FaxFindZeros give, with fewer steps.
+// It reads the guard byte before the line for the positions -8..-1, all
+// white, and the zero bytes behind the line's end.
+#include <cstring>
+
+#include "tiff/directory.h"
+#include "tiff/fax.h"
+#include "tiff/fax_bits.h"
+
+namespace {
+
+constexpr uint64_t White = 0;
+constexpr uint64_t Black = ~uint64_t(0);
+
+// b1: the next change of the reference line to the colour opposite
+// `colour`, right of a0.  The pixels of the opposite colour that a0 may
+// stand on are passed first, then those of a0's colour.  Mostly both lie in
+// the 57 or more pixels of one 64-pixel window from a0, which one load
+// gives; only a longer search goes on pixel window by window.
+inline int32_t FaxFindB1(const uint8_t *ref, int32_t a0, int32_t colour, int32_t width) {
+    const uint64_t flip = colour ? Black : White;
+    const int32_t k = a0 & 7;
+    // Pixels from a0 on, 1 where the colour is the opposite of `colour`; the
+    // k bits shifted in at the bottom are 0, and no pixel.
+    const uint64_t opposite = (FaxLoad64(ref + (a0 >> 3)) ^ flip) << k;
+    const uint64_t same = ~opposite;  // the shifted-in bits count as found: checked below
+    const int32_t valid = 64 - k;
+    if (same != 0) {
+        int32_t s = __builtin_clzll(same);
+        if (s < valid) {
+            uint64_t after = opposite & (~uint64_t(0) >> s);
+            if (after != 0) {
+                int32_t b1 = a0 + __builtin_clzll(after);
+                return b1 < width ? b1 : width;
+            }
+            return FaxNextPixel(ref, a0 + valid, ~flip, width);
+        }
+    }
+    return FaxNextPixel(ref, FaxNextPixel(ref, a0 + valid, flip, width), ~flip, width);
+}
+
+// b2: the change behind b1.
+inline int32_t FaxFindB2(const uint8_t *ref, int32_t b1, int32_t colour, int32_t width) {
+    return FaxNextPixel(ref, b1, colour == 0 ? White : Black, width);
+}
+
+// Black pixels from a0 (from 0 while a0 is before the row) up to `to`,
+// clipped at width: a vertical code may put a1 up to three pixels behind
+// the row's end, and those pixels are never written, not even into the
+// bits of the last byte behind pixel width - 1.
+inline void FaxBlackTo(uint8_t *row, int32_t a0, int32_t to, int32_t width) {
+    int32_t start = a0 < 0 ? 0 : a0;
+    if (to > width) to = width;
+    if (to > start) FaxBlackSpan(row, start, to, (width - 1) >> 3);
+}
+
+// The run from a0 (from 0 while a0 is before the row) up to `to`, clipped
+// at width, in `colour`: black pixels are set, white ones are already
+// there.  The colour and an empty run don't branch: they make a mask of 0.
+inline void FaxRunTo(uint8_t *row, int32_t a0, int32_t to, int32_t colour, int32_t width) {
+    const int32_t start = a0 < 0 ? 0 : a0;  // below width: a0 is
+    if (to > width) to = width;
+    const int32_t count = (to - start) & -int32_t(colour != 0 && to > start);
+    const int32_t k = start & 7;
+    const int32_t b = start >> 3;
+    if (k + count <= 16) {
+        const int32_t lastByte = (width - 1) >> 3;
+        const uint32_t mask = (0xFFFFu >> k) & ~(0xFFFFu >> (k + count));
+        row[b] |= uint8_t(mask >> 8);
+        row[b < lastByte ? b + 1 : b] |= uint8_t(mask);
+    } else {
+        FaxFillSpan(row + b, start, count);
+    }
+}
+
+// What ends a row: under compression 3 the search for its EOL.
+inline int32_t FaxEndRow2D(FaxBits &bits, int32_t a0, int32_t width) {
+    if (faxScheme == TiffCompressionCcittG3) FaxSkipToEol(bits, 0);
+    return a0 < width ? -1 : 1;
+}
+
+}  // namespace
+
+// The row decoder works on a copy of the stream in locals, which writes to
+// the row (bytes, which may alias anything) can't force back to memory.
+static inline __attribute__((always_inline)) int32_t FaxDecodeRow2DLocal(FaxBits &bits, uint8_t *row,
+                                                                         const uint8_t *ref, int32_t width) {
+    const uint16_t *modes = FaxModeTable.data();
+    int32_t a0 = -1;
+    int32_t colour = 0;
+    // A state of a begun code of another table is left only when the data
+    // ran out; it is read as "byte used up".
+    if (bits.position >= int32_t(FaxModeRows)) bits.position = 0;
+    for (;;) {
+        // One mode code: a look-up per byte it touches.
+        uint32_t s = uint32_t(bits.position);
+        uint32_t entry;
+        for (;;) {
+            if (s == 0 || s > 7) {
+                if (!FaxFetchByte(bits)) {
+                    bits.position = int32_t(s);
+                    FaxReportUnexpectedCode();
+                    return -3;
+                }
+            }
+            entry = FaxLookup(modes, s, bits.curByte);
+            s = entry & 0xFFu;
+            if (entry >> 8) break;
+        }
+        bits.position = int32_t(s);
+        uint32_t action = entry >> 8;
+        if (action >= 3 && action <= 9) {
+            // Vertical: a1 = b1 + action - 6; the run up to a1 has colour.
+            int32_t a1 = FaxFindB1(ref, a0, colour, width) + int32_t(action) - 6;
+            FaxRunTo(row, a0, a1, colour, width);
+            a0 = a1;  // may move back by up to three pixels; set pixels stay
+            colour ^= 1;
+        } else if (action == FaxModeHorizontal) {
+            int32_t first = FaxDecodeRun(bits, colour ? FaxBlack : 0);
+            int32_t second = FaxDecodeRun(bits, colour ? 0 : FaxBlack);
+            if (first >= 0 && second >= 0) {
+                if (a0 < 0) a0 = 0;
+                if (first > width - a0) first = width - a0;
+                if (colour && first > 0) FaxBlackSpan(row, a0, a0 + first, (width - 1) >> 3);
+                a0 += first;
+                if (second > width - a0) second = width - a0;
+                if (!colour && second > 0) FaxBlackSpan(row, a0, a0 + second, (width - 1) >> 3);
+                a0 += second;
+            }
+            // A negative run drops both, silently; the bit position stays
+            // where the run decoder left it.
+        } else if (action == FaxModePass) {
+            int32_t b1 = FaxFindB1(ref, a0, colour, width);
+            int32_t b2 = FaxFindB2(ref, b1, colour, width);
+            if (colour) FaxBlackTo(row, a0, b2, width);
+            a0 = b2;
+        } else if (action == FaxModeUncompressed) {
+            // Pixels are written only below width, and a0 is held at width:
+            // the codes of this mode aren't checked against the row's end,
+            // and whatever lies behind it ends the row at the exit code.
+            if (a0 < 0) a0 = 0;
+            for (;;) {
+                int32_t code = FaxReadUncompressedCode(bits);
+                if (code >= FaxUncBlack1 && code < FaxUncWhite5) {
+                    int32_t pixel = a0 + code - FaxUncBlack1;
+                    if (pixel < width) row[pixel >> 3] |= FaxBitMask[pixel & 7];
+                    a0 = pixel + 1 < width ? pixel + 1 : width;
+                } else if (code == FaxUncWhite5) {
+                    a0 = a0 + 5 < width ? a0 + 5 : width;
+                } else if (code >= FaxUncExit0 && code < FaxUncNoData) {
+                    a0 = a0 + code - FaxUncExit0 < width ? a0 + code - FaxUncExit0 : width;
+                    colour = FaxReadTagBit(bits) != 0 ? 1 : 0;
+                    break;
+                } else if (code == FaxUncNoData) {
+                    FaxReportUnexpectedCode();
+                    return -3;
+                } else {
+                    FaxReportUnexpectedCode();
+                    return FaxEndRow2D(bits, a0, width);
+                }
+            }
+        } else if (action == FaxModeEolBegun) {
+            if (faxScheme == TiffCompressionCcittG3) {
+                FaxSkipToEol(bits, 7);  // the seven zero bits count for the EOL
+                return 1;
+            }
+            FaxReportUnexpectedCode();
+            return FaxEndRow2D(bits, a0, width);
+        } else if (action == FaxModeInvalid) {
+            FaxReportUnexpectedCode();
+            return FaxEndRow2D(bits, a0, width);
+        } else {
+            FaxReportUnexpectedCode();  // an action the table doesn't give
+            return 0;
+        }
+        if (a0 >= width) return FaxEndRow2D(bits, a0, width);
+    }
+}
+
+int32_t FaxDecodeRow2D(FaxBits &bits, uint8_t *row, const uint8_t *ref, int32_t width) {
+    FaxBits local = bits;
+    int32_t result = FaxDecodeRow2DLocal(local, row, ref, width);
+    bits = local;
+    return result;
+}
+
+int32_t FaxDecodeRowsG4(uint8_t *row, int32_t size) {
+    if (size > 0) std::memset(row, 0, size_t(size));
+    if (size < 1 || faxState == nullptr || faxState->refLine == nullptr) return 1;
+    const uint32_t rowBytes = faxState->rowBytes;
+    const int32_t width = int32_t(faxState->rowPixels);
+    if (rowBytes == 0) return 1;
+    uint8_t *ref = faxState->refLine;
+    FaxBits bits;
+    bits.cursor = TiffImage.rawCursor;
+    bits.left = TiffImage.rawLeft;
+    bits.curByte = faxState->curByte;
+    bits.position = faxState->position;
+    bits.byteMap = faxState->byteMap;
+    int32_t result = 1;
+    while (uint32_t(size) >= rowBytes) {
+        int32_t rowResult = FaxDecodeRow2D(bits, row, ref, width);
+        if (rowResult < 0) {
+            result = rowResult == -3 ? 1 : 0;
+            break;
+        }
+        std::memcpy(ref, row, rowBytes);
+        row += rowBytes;
+        size -= int32_t(rowBytes);
+        if (size != 0) ++TiffImage.currentRow;
+    }
+    TiffImage.rawCursor = const_cast<uint8_t *>(bits.cursor);
+    TiffImage.rawLeft = bits.left;
+    faxState->curByte = uint16_t(bits.curByte);
+    faxState->position = int16_t(bits.position);
+    return result;
+}

@@ -1,0 +1,230 @@
+// fax_bits.h - the inner routines of the CCITT decoders, inline so that a
+// row is decoded with the bit stream in registers.
+//
+// A row decoder copies the stream (TiffImage's rawCursor and rawLeft, the
+// record's curByte and position) into a FaxBits, works on that, and stores
+// it back when the row is done.  The routines here carry the names of the
+// decoder's steps and take the stream as their first argument; fax.h's
+// routines of the same names do the same on the static state.
+#pragma once
+
+#include <bit>
+#include <cstdint>
+#include <cstring>
+
+#include "tiff/fax.h"
+
+// The bit stream of one strip while a row is decoded.
+struct FaxBits {
+    const uint8_t *cursor;   // next byte of the strip
+    int32_t left;            // bytes behind cursor
+    uint32_t curByte;        // byte under decoding, through byteMap
+    int32_t position;        // as FaxState::position
+    const uint8_t *byteMap;  // the bit order of the strip
+};
+
+// The widest row the decoders take.  Run lengths are held below
+// FaxRunCeiling, which is above every width, so that a0 + run and the
+// make-up sum of a run cannot overflow.
+constexpr uint32_t FaxMaxWidth = 1u << 29;
+constexpr uint32_t FaxRunCeiling = 1u << 30;
+
+// Reports "Unexpected code in line %ld" with currentRow under "TIFF Read".
+[[gnu::cold]] void FaxReportUnexpectedCode();
+
+// Entry of a state table: action in bits 8..15, next state in bits 0..7.
+inline uint32_t FaxLookup(const uint16_t *table, uint32_t row, uint32_t byte) {
+    return uint32_t(table[row * 256 + byte] ^ FaxTableKey(row));
+}
+
+inline bool FaxFetchByte(FaxBits &bits) {
+    if (bits.left < 1) [[unlikely]]
+        return false;
+    --bits.left;
+    bits.curByte = bits.byteMap[*bits.cursor++];
+    return true;
+}
+
+// Skips to the bit behind the first 1 that follows at least eleven 0 bits,
+// zerosSeen of which the caller has consumed already.  A 1 that comes too
+// early starts the count anew.  With the data used up, curByte and position
+// stay as they were before the search and the strip is empty.  The search
+// counts the zero bits of a byte by table; the result is the one of a test
+// of each bit in turn.
+inline void FaxSkipToEol(FaxBits &bits, int32_t zerosSeen) {
+    uint32_t byte = bits.curByte;
+    uint32_t pos = (bits.position <= 0 || bits.position > 7) ? 8u : uint32_t(bits.position);
+    uint32_t zeros = zerosSeen < 0 ? 0u : (zerosSeen > 11 ? 11u : uint32_t(zerosSeen));
+    for (;;) {
+        if (pos == 8) {
+            if (bits.left < 1) return;
+            --bits.left;
+            byte = bits.byteMap[*bits.cursor++];
+            pos = 0;
+        }
+        uint32_t rest = (byte << pos) & 0xFFu;  // the unread bits, from the top
+        if (rest == 0) {
+            zeros += 8 - pos;
+            if (zeros > 11) zeros = 11;  // more zero bits change nothing
+            pos = 8;
+            continue;
+        }
+        uint32_t run = FaxLeadingZeros[rest];
+        pos += run + 1;  // behind the 1 bit
+        if (zeros + run >= 11) {
+            bits.position = int32_t(pos & 7);
+            bits.curByte = byte;
+            return;
+        }
+        zeros = 0;
+    }
+}
+
+inline uint32_t FaxReadTagBit(FaxBits &bits) {
+    // A state of a begun word is left only when data ran out; it holds no
+    // bit, and is read as "byte used up".
+    if (bits.position > 7) bits.position = 0;
+    if (bits.position == 0 && bits.left > 0) FaxFetchByte(bits);
+    uint32_t bit = bits.curByte & FaxBitMask[bits.position];
+    bits.position = (bits.position + 1) & 7;
+    return bit;
+}
+
+inline int32_t FaxDecodeRun(FaxBits &bits, int32_t colour) {
+    const uint16_t *table = FaxRunTable.data();
+    // A larger state is a mode or uncompressed code cut off by the end of the
+    // data; nothing of it belongs to a run, and the next read fetches.
+    uint32_t s = (bits.position > 0 && bits.position <= 7) ? uint32_t(bits.position) : 0u;
+    uint32_t sum = 0;
+    for (;;) {
+        uint32_t entry = 0;
+        if (s != 0) {
+            entry = FaxLookup(table, s + uint32_t(colour), bits.curByte);
+            s = entry & 0xFFu;
+        }
+        while ((entry >> 8) == 0) {
+            if (!FaxFetchByte(bits)) return -3;
+            entry = FaxLookup(table, s + uint32_t(colour), bits.curByte);
+            s = entry & 0xFFu;
+        }
+        bits.position = int32_t(s);
+        int32_t v = int32_t(entry >> 8) - int32_t(FaxRunTerm);
+        if (v < 0) return v;
+        if (v < 64) return int32_t(sum + uint32_t(v));
+        // A chain of make-up codes has no bound but the data; the sum is
+        // held at FaxRunCeiling, past every width, and so cannot wrap.
+        sum += uint32_t(v - 64) * 64;
+        if (sum > FaxRunCeiling) sum = FaxRunCeiling;
+    }
+}
+
+// The search of FaxFindZeros (skip 0x00) and FaxFindOnes (skip 0xFF).
+template <bool Ones>
+inline int32_t FaxFindSpan(const uint8_t *line, int32_t start, int32_t end) {
+    const uint8_t *lead = Ones ? FaxLeadingOnes.data() : FaxLeadingZeros.data();
+    constexpr uint8_t skip = Ones ? 0xFF : 0x00;
+    constexpr uint32_t skipWord = Ones ? 0xFFFFFFFFu : 0u;
+    int32_t n = end - start;
+    const uint8_t *p = line + (start >> 3);  // arithmetic shift: -1 is the guard byte
+    int32_t k = start & 7;
+    int32_t r = 0;
+    if (n > 0 && k != 0) {
+        r = lead[uint8_t(*p << k)];
+        if (r > 8 - k) r = 8 - k;
+        if (r > n) r = n;
+        if (r + k < 8) return r;
+        n -= r;
+        ++p;
+    }
+    if (n >= 64) {
+        while (reinterpret_cast<uintptr_t>(p) & 3) {
+            if (*p != skip) return r + lead[*p];
+            r += 8;
+            n -= 8;
+            ++p;
+        }
+        for (;;) {
+            if (n < 32) break;
+            uint32_t word;
+            std::memcpy(&word, p, 4);
+            if (word != skipWord) break;
+            r += 32;
+            n -= 32;
+            p += 4;
+        }
+    }
+    while (n >= 8) {
+        if (*p != skip) return r + lead[*p];
+        r += 8;
+        n -= 8;
+        ++p;
+    }
+    if (n < 1) return r;
+    int32_t last = lead[*p];
+    return r + (last < n ? last : n);
+}
+
+// Sets pixels start .. end - 1 (end > start, end <= width) of a row whose
+// last byte is row[lastByte].  A span within two bytes, the common case, is
+// two ORs with no test of its length: where the span ends in the row's last
+// byte, the second OR (of 0) goes to that byte again, never behind it.
+inline void FaxBlackSpan(uint8_t *row, int32_t start, int32_t end, int32_t lastByte) {
+    const int32_t k = start & 7;
+    const int32_t b = start >> 3;
+    const int32_t reach = k + (end - start);  // bits from the top of row[b]
+    if (reach <= 16) {
+        const uint32_t mask = (0xFFFFu >> k) & ~(0xFFFFu >> reach);
+        const int32_t next = b < lastByte ? b + 1 : b;
+        row[b] |= uint8_t(mask >> 8);
+        row[next] |= uint8_t(mask);
+    } else {
+        FaxFillSpan(row + b, start, end - start);
+    }
+}
+
+// Bytes behind the reference line that FaxNextPixel may read: they are 0
+// and never written.
+constexpr uint32_t FaxRefSlack = 8;
+
+// 64 pixels of a line from the byte at p, the first in the top bit.
+inline uint64_t FaxLoad64(const uint8_t *p) {
+    uint64_t v;
+    std::memcpy(&v, p, 8);
+    if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap64(v);
+    return v;
+}
+
+// The first pixel from x on (x >= -8) that is black (black all ones) or
+// white (black 0) on the reference line, or width when there is none before
+// width.  This is the reference line's cursor of the two-dimensional
+// decoder: it gives what FaxFindOnes/FaxFindZeros give for a span up to
+// width (x + the span), with one 64-pixel window per step instead of a
+// byte at a time.  It may read up to FaxRefSlack bytes behind the line's
+// last byte, and the guard byte before it.
+inline int32_t FaxNextPixel(const uint8_t *line, int32_t x, uint64_t black, int32_t width) {
+    while (x < width) {
+        int32_t k = x & 7;
+        uint64_t hits = (FaxLoad64(line + (x >> 3)) ^ ~black) << k;  // the wanted pixels as 1
+        if (hits != 0) {
+            int32_t found = x + __builtin_clzll(hits);
+            return found < width ? found : width;
+        }
+        x += 64 - k;
+    }
+    return width;
+}
+
+inline int32_t FaxReadUncompressedCode(FaxBits &bits) {
+    const uint16_t *table = FaxUncompressedTable.data();
+    for (;;) {
+        if (bits.position == 0 || bits.position > 7) {
+            if (!FaxFetchByte(bits)) return FaxUncNoData;
+        }
+        uint32_t entry = FaxLookup(table, uint32_t(bits.position), bits.curByte);
+        bits.position = int32_t(entry & 0xFFu);
+        if (entry >> 8) return int32_t(entry >> 8);
+    }
+}
+
+int32_t FaxDecodeRow1D(FaxBits &bits, uint8_t *row, int32_t width);
+int32_t FaxDecodeRow2D(FaxBits &bits, uint8_t *row, const uint8_t *refLine, int32_t width);

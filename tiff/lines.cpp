@@ -1,0 +1,303 @@
+// lines.cpp - ReadTIF, the strip engine and the uncompressed line decoder.
+//
+// ReadTIF asks TIFFDecodeLine for each row of the image, top row first, and
+// writes the rows into the bitmap block from its last row upward.  The strip
+// engine keeps one strip in the strip buffer: a strip is read with one
+// TL_READ and decoded from memory, and the buffer is allocated anew only for
+// a strip larger than every one before it.
+
+#include "tiff/lines.h"
+
+#include <array>
+#include <cstring>
+
+#include "core/bytes.h"
+#include "core/checked.h"
+#include "core/image.h"
+#include "platform/win32.h"
+#include "services/blocks.h"
+#include "services/errors.h"
+#include "services/files.h"
+#include "tiff/directory.h"
+#include "tiff/fax.h"
+#include "tiff/lzw.h"
+
+namespace {
+
+constexpr const char *ReadTitle = "TIFF Read";
+constexpr uint32_t HeaderBytes = 48;         // 40 of header, two palette entries
+constexpr int32_t StripBufferStep = 1024;    // the strip buffer grows in steps of this
+constexpr uint32_t DibFlags = GMEM_MOVEABLE | GMEM_ZEROINIT;
+
+ReaderMemo TifMemo{};
+// The protocol's reset forgets the reader's file; ReadTIF's own file lives
+// in TiffImage and is not to be touched by a reset, so the protocol gets
+// this stand-in.
+ManagedFile TifMemoFile = NoFile;
+
+constexpr std::array<uint8_t, 256> MakeBitOrder(bool reversed) {
+    std::array<uint8_t, 256> t{};
+    for (uint32_t v = 0; v < 256; ++v) {
+        uint32_t r = v;
+        if (reversed) {
+            r = 0;
+            for (int b = 0; b < 8; ++b)
+                if (v & (1u << b)) r |= 0x80u >> b;
+        }
+        t[v] = uint8_t(r);
+    }
+    return t;
+}
+constexpr std::array<uint8_t, 256> IdentityOrder = MakeBitOrder(false);
+constexpr std::array<uint8_t, 256> ReversedOrder = MakeBitOrder(true);
+
+// Resolution in pixels per metre of one axis.
+int32_t PelsPerMeter(const TiffRational &r) {
+    double factor;
+    switch (TiffImage.resolutionUnit) {
+    case 2: factor = double(39.37f); break;  // inch, with the float's rounding: 300/inch -> 11810
+    case 3: factor = 100.0; break;           // centimetre
+    default: return 0;
+    }
+    if (r.denominator == 0) return 0;
+    const double v = double(r.numerator) * factor / double(int32_t(r.denominator));
+    // A result outside 32 bits is no resolution at all: it counts as none
+    // rather than being converted out of range.
+    if (!(v > -2147483648.0 && v < 2147483648.0)) return 0;
+    return int32_t(v);
+}
+
+// Largest byte count a strip may claim: no more than the file holds, or
+// the uncompressed image needs, whichever is larger.  A larger count
+// describes no bytes of this file; it would only size a buffer of nothing.
+uint64_t StripByteCeiling() {
+    const uint64_t fileLength = TL_FILELENGTH(TiffImage.tiffFile);
+    const uint64_t image = uint64_t(TiffImage.imageLength) * TiffImage.scanlineSize;
+    return fileLength > image ? fileLength : image;
+}
+
+// Complements `bytes` bytes (a multiple of 4) a word at a time.
+void Complement(uint8_t *p, uint32_t bytes) {
+    uint32_t i = 0;
+    for (; i + 8 <= bytes; i += 8) {
+        uint64_t w;
+        std::memcpy(&w, p + i, 8);
+        w = ~w;
+        std::memcpy(p + i, &w, 8);
+    }
+    for (; i + 4 <= bytes; i += 4) {
+        uint32_t w;
+        std::memcpy(&w, p + i, 4);
+        w = ~w;
+        std::memcpy(p + i, &w, 4);
+    }
+}
+
+void FormatRowMessage(const char *format, uint32_t row) {
+    wsprintfA(TiffImage.messageBuffer, format, row);
+    ReportError(ReadTitle, TiffImage.messageBuffer, 0);
+}
+
+}  // namespace
+
+const uint8_t *BitOrderTable(int32_t reversed) {
+    return reversed ? ReversedOrder.data() : IdentityOrder.data();
+}
+
+void ReverseBits(uint8_t *buffer, uint32_t count) {
+    const uint8_t *map = ReversedOrder.data();
+    for (uint32_t i = 0; i < count; ++i) buffer[i] = map[buffer[i]];
+}
+
+uint32_t TiffImageLength() { return TiffImage.imageLength; }
+uint32_t TiffImageWidth() { return TiffImage.imageWidth; }
+uint16_t TiffPhotometric() { return TiffImage.photometric; }
+int32_t TiffXPelsPerMeter() { return PelsPerMeter(TiffImage.xResolution); }
+int32_t TiffYPelsPerMeter() { return PelsPerMeter(TiffImage.yResolution); }
+
+TL_HANDLE ReadTIF(const char *name, int32_t imageNumber) {
+    char path[PathBytes];
+    switch (MemoHead(TifMemo, TifMemoFile, name, path)) {
+    case MemoStep::Read: break;
+    default: return 0;
+    }
+
+    TL_HANDLE block = 0;
+    uint8_t *bits = nullptr;
+    if (TiffOpen(name)) {
+        const uint32_t width = TiffImageWidth();
+        const uint32_t height = TiffImageLength();
+        const uint32_t rowBytes = TiffRowBytes(width);
+        // biSizeImage and the block size are products of numbers from the
+        // file: an image whose block would pass the library's ceiling, or
+        // whose sizes do not fit the header's signed fields, is out of memory.
+        const uint64_t sizeImage = uint64_t(rowBytes) * height;
+        const bool fits = width <= 0x7FFFFFFFu && height <= 0x7FFFFFFFu &&
+                          sizeImage + HeaderBytes <= checked::MaxBlockBytes;
+        if (fits) block = GlobalAlloc(DibFlags, uintptr_t(sizeImage + HeaderBytes));
+        if (block == 0) {
+            ReportError("ReadTIF", "Out of memory", 0);
+        } else if ((bits = static_cast<uint8_t *>(GlobalLock(block))) == nullptr) {
+            ReportError("ReadTIF", "Out of memory", 0);
+        } else if (!ErrorStatus()) {
+            std::memset(bits, 0, HeaderBytes);
+            uint8_t *row = bits + HeaderBytes + sizeImage;
+            bool ok = true;
+            for (uint32_t line = 0; line < height; ++line) {
+                row -= rowBytes;
+                if (!TIFFDecodeLine(row, line)) {
+                    ReportError("ReadTIF", "TIFFDecodeLine failed", 0);
+                    ok = false;
+                    break;
+                }
+            }
+            if (ok) {
+                StoreU32(bits + 0, 40);
+                StoreU32(bits + 4, width);
+                StoreU32(bits + 8, height);
+                StoreU16(bits + 12, 1);
+                StoreU16(bits + 14, 1);
+                StoreU32(bits + 16, 0);
+                StoreU32(bits + 20, uint32_t(sizeImage));
+                StoreU32(bits + 24, uint32_t(TiffXPelsPerMeter()));
+                StoreU32(bits + 28, uint32_t(TiffYPelsPerMeter()));
+                StoreU32(bits + 32, 2);
+                StoreU32(bits + 36, 0);
+                bits[40] = bits[41] = bits[42] = 255;  // entry 0 white; entry 1 stays black
+                if (TiffPhotometric() == 1) Complement(bits + HeaderBytes, uint32_t(sizeImage));
+            }
+        }
+    }
+    TiffClose();
+    // Unlike the other readers, the memo is written after a failed read too.
+    MemoTail(TifMemo, imageNumber, path);
+    if (bits) GlobalUnlock(block);
+    if (ErrorStatus()) {
+        if (block) GlobalFree(block);
+        return 0;
+    }
+    return block;
+}
+
+int32_t TIFFDecodeLine(uint8_t *row, uint32_t line) {
+    auto &t = TiffImage;
+    if (!SeekToLine(line)) return 0;
+    const auto count = int32_t(t.scanlineSize);
+    int32_t result;
+    switch (t.compression) {
+    case TiffCompressionNone: result = CopyLine(row, count); break;
+    // The CCITT decoders (tiff/fax.h) join here.
+    case TiffCompressionCcittRle:
+    case TiffCompressionCcittG3: result = FaxDecodeRows(row, count); break;
+    case TiffCompressionCcittG4: result = FaxDecodeRowsG4(row, count); break;
+    case TiffCompressionLzw: result = LzwDecodeLine(row, count); break;
+    case TiffCompressionPackBits: result = PackBitsDecodeLine(row, count); break;
+    default: return 0;
+    }
+    ++t.currentRow;
+    return result;
+}
+
+int32_t CopyLine(uint8_t *row, int32_t count) {
+    auto &t = TiffImage;
+    if (t.rawLeft < count) {
+        wsprintfA(t.messageBuffer, "Internal allocation error in line %d", t.currentRow);
+        ReportError(ReadTitle, t.messageBuffer, 0);
+        return 0;
+    }
+    std::memcpy(row, t.rawCursor, size_t(count));
+    t.rawCursor += count;
+    t.rawLeft -= count;
+    return 1;
+}
+
+int32_t SeekToLine(uint32_t line) {
+    auto &t = TiffImage;
+    if (line >= t.imageLength) {
+        FormatRowMessage("Internal allocation error in line %ld", line);
+        return 0;
+    }
+    const uint32_t strip = line / t.rowsPerStrip;
+    if (strip != t.currentStrip) {
+        if (!LoadStrip(strip)) return 0;
+    } else if (line < t.currentRow) {
+        if (!StartStrip(strip)) return 0;
+    }
+    if (t.compression == TiffCompressionNone && line != t.currentRow) {
+        // Skipping rows of an uncompressed strip.  A skip past the strip's
+        // end stops at its end, so that rawCursor never leaves the buffer;
+        // CopyLine then finds too few bytes and reports.
+        const uint64_t delta = uint64_t(line - t.currentRow) * t.scanlineSize;
+        const uint64_t left = t.rawLeft > 0 ? uint64_t(t.rawLeft) : 0;
+        const uint64_t step = delta < left ? delta : left;
+        t.rawCursor += step;
+        t.rawLeft = delta < left ? int32_t(left - delta) : 0;
+        t.currentRow = line;
+    }
+    return 1;
+}
+
+int32_t LoadStrip(uint32_t strip) {
+    auto &t = TiffImage;
+    // Strips beyond the table cannot be asked for once the directory is
+    // checked; the test keeps the table read in bounds all the same.
+    if (strip >= t.stripsPerImage || strip >= TiffMaxStrips) return 0;
+    const auto count = int32_t(t.stripByteCounts[strip]);
+    if (count <= 0 || uint64_t(count) > StripByteCeiling()) {
+        wsprintfA(t.messageBuffer, "Invalid StripByteCount %lu in strip %lu", uint32_t(count), strip);
+        ReportError(ReadTitle, t.messageBuffer, 0);
+        return 0;
+    }
+    if (count > t.stripBufferSize) {
+        t.currentStrip = TiffNoStrip;
+        const uint64_t size = (uint64_t(count) + StripBufferStep - 1) & ~uint64_t(StripBufferStep - 1);
+        if (size > checked::MaxBlockBytes) return 0;
+        if (!ResizeStripBuffer(int32_t(size))) return 0;
+    }
+    auto *buffer = static_cast<uint8_t *>(t.stripBuffer.pointer);
+    if (ReadStripBytes(strip, buffer, count) == -1) return 0;
+    // Bits of compressions 1, 5 and 32773 are put in order here, once per
+    // load; the CCITT decoders read through BitOrderTable instead.
+    if (t.fillOrder != 1 && !t.isCcitt) ReverseBits(buffer, uint32_t(count));
+    return StartStrip(strip);
+}
+
+int32_t StartStrip(uint32_t strip) {
+    auto &t = TiffImage;
+    if (t.stripBuffer.pointer == nullptr || strip >= TiffMaxStrips || t.stripsPerImage == 0) return 0;
+    t.currentStrip = strip;
+    t.rawCursor = static_cast<uint8_t *>(t.stripBuffer.pointer);
+    t.rawLeft = int32_t(t.stripByteCounts[strip]);
+    t.currentRow = (strip % t.stripsPerImage) * t.rowsPerStrip;
+    if (t.isCcitt) return FaxPrepareStrip();
+    if (t.compression == TiffCompressionLzw) return LzwStartStrip();
+    return 1;
+}
+
+int32_t ResizeStripBuffer(int32_t size) {
+    auto &t = TiffImage;
+    if (t.stripBuffer.handle != 0) {
+        BlockUnlock(&t.stripBuffer);
+        BlockFree(&t.stripBuffer);
+        t.stripBuffer = MemoryBlock{};
+    }
+    t.rawCursor = nullptr;
+    t.stripBufferSize = size;
+    if (size > 0) {
+        BlockAlloc(&t.stripBuffer, 0, uint32_t(size), 1, "TIFFREAD Buffer");
+        BlockLock(&t.stripBuffer);
+    }
+    // A block that came but cannot be locked is no buffer either.
+    if (t.stripBuffer.handle != 0 && t.stripBuffer.pointer != nullptr) return 1;
+    BlockFree(&t.stripBuffer);
+    t.stripBufferSize = 0;
+    return 0;
+}
+
+int32_t ReadStripBytes(uint32_t strip, uint8_t *buffer, int32_t count) {
+    auto &t = TiffImage;
+    const uint32_t offset = t.stripOffsets[strip];
+    // TL_SEEK takes a signed offset: one past 2 GiB is a failed seek.
+    if (offset > 0x7FFFFFFFu || TL_SEEK(t.tiffFile, int32_t(offset), 0) != 0) return -1;
+    return int32_t(TL_READ(buffer, uint32_t(count), t.tiffFile));
+}

@@ -1,0 +1,302 @@
+// lzw.cpp - LZW (compression 5) and PackBits (compression 32773) rows.
+//
+// LZW keeps a table of 4096 linked entries: a string is its last byte and a
+// link to the string without it, so each new entry costs one link and a
+// string is written straight into the row from its tail.  A string that
+// does not fit the rest of a row is delivered in parts: its head ends this
+// row and `restart` remembers how much of it is delivered.
+
+#include "tiff/lzw.h"
+
+#include <cstring>
+
+#include "platform/win32.h"
+#include "services/blocks.h"
+#include "services/errors.h"
+#include "tiff/directory.h"
+
+namespace {
+
+constexpr const char *ReadTitle = "TIFF Read";
+constexpr uint16_t MinCodeWidth = 9;
+constexpr uint16_t MaxCodeWidth = 12;
+
+struct LzwState {
+    uint16_t codeWidth;        // bits of the next code, 9 to 12
+    uint32_t nextData;         // bit accumulator; bytes enter at the low end
+    int32_t nextBits;          // bits in the accumulator not yet used
+    uint32_t codeMask;         // (1 << codeWidth) - 1
+    uint32_t restart;          // bytes of the string under delivery already delivered
+    LzwEntry *restartEntry;    // the string under delivery
+    LzwEntry *oldEntry;        // string of the previous code; null at a strip's start
+    LzwEntry *freeEntry;       // next entry to fill
+    LzwEntry *maxEntry;        // filling it raises codeWidth
+    LzwEntry *table;           // entry 0
+    MemoryBlock tableBlock;
+    const uint8_t *inputEnd;   // end of the strip's bytes: the decoder reads nothing behind it
+};
+
+// The state's block; a null pointer says that no state exists.
+MemoryBlock LzwStateBlock{};
+
+LzwState *State() { return static_cast<LzwState *>(LzwStateBlock.pointer); }
+
+void ReportRow(const char *format) {
+    wsprintfA(TiffImage.messageBuffer, format, TiffImage.currentRow);
+    ReportError(ReadTitle, TiffImage.messageBuffer, 0);
+}
+
+// Writes the string of `e` backwards into [out, end): from end - 1 down,
+// following the chain until it ends or out is reached.  Gives the entry
+// where the writing stopped: null when the chain ended.
+inline LzwEntry *WriteTail(LzwEntry *e, uint8_t *out, uint8_t *end) {
+    while (e && end > out) {
+        *--end = e->value;
+        e = e->prefix;
+    }
+    return e;
+}
+
+}  // namespace
+
+int32_t LzwStartStrip() {
+    if (State() == nullptr) {
+        BlockAlloc(&LzwStateBlock, 0, 1, sizeof(LzwState), "LZW  h_state_buffer");
+        BlockLock(&LzwStateBlock);
+        LzwState *s = State();
+        if (s == nullptr) {
+            BlockFree(&LzwStateBlock);
+            return 0;
+        }
+        BlockAlloc(&s->tableBlock, 0, LzwTableSize, sizeof(LzwEntry), "LZW h_dec_code");
+        s->table = static_cast<LzwEntry *>(BlockLock(&s->tableBlock));
+        if (s->table == nullptr) {
+            LzwRelease();
+            return 0;
+        }
+        for (int i = 255; i >= 0; --i) {
+            s->table[i].value = uint8_t(i);
+            s->table[i].firstChar = uint8_t(i);
+            s->table[i].length = 1;
+            s->table[i].prefix = nullptr;
+        }
+    }
+    LzwState *s = State();
+    const auto &t = TiffImage;
+    // Nine bits spelling CLEAR lowest bit first: a bit order not decoded.
+    // The strip buffer holds at least 1024 bytes, so both bytes are in it.
+    if (t.rawCursor[0] == 0 && (t.rawCursor[1] & 1) != 0) return 0;
+    s->codeWidth = MinCodeWidth;
+    s->codeMask = (1u << MinCodeWidth) - 1;
+    s->freeEntry = s->table + LzwFirstFree;
+    s->maxEntry = s->table + s->codeMask - 1;
+    s->nextData = 0;
+    s->nextBits = 0;
+    s->restart = 0;
+    s->restartEntry = nullptr;
+    s->oldEntry = nullptr;
+    s->inputEnd = t.rawCursor + (t.rawLeft > 0 ? t.rawLeft : 0);
+    return 1;
+}
+
+void LzwRelease() {
+    LzwState *s = State();
+    if (s != nullptr) {
+        BlockUnlock(&s->tableBlock);
+        BlockFree(&s->tableBlock);
+    }
+    BlockUnlock(&LzwStateBlock);
+    BlockFree(&LzwStateBlock);
+}
+
+int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
+    LzwState *s = State();
+    if (s == nullptr) {
+        ReportError(ReadTitle, "Internal error in LZW decoding", 0);
+        return 0;
+    }
+    uint8_t *out = row;
+    int32_t left = count > 0 ? count : 0;
+
+    // The tail of a string begun in an earlier row.
+    if (s->restart != 0) {
+        LzwEntry *e = s->restartEntry;
+        int32_t rest = int32_t(e->length) - int32_t(s->restart);
+        if (rest > left) {
+            // It reaches past this row as well: skip its part for later rows.
+            s->restart += uint32_t(left);
+            while (rest > left && e) {
+                e = e->prefix;
+                --rest;
+            }
+            if (e) WriteTail(e, out, out + left);
+            return 1;
+        }
+        if (rest > 0) {
+            WriteTail(e, out, out + rest);
+            out += rest;
+            left -= rest;
+        }
+        s->restart = 0;
+    }
+
+    auto &t = TiffImage;
+    const uint8_t *in = t.rawCursor;
+    const uint8_t *const end = s->inputEnd;
+    uint32_t nextData = s->nextData;
+    int32_t nextBits = s->nextBits;
+    int32_t codeWidth = s->codeWidth;
+    uint32_t codeMask = s->codeMask;
+    LzwEntry *oldEntry = s->oldEntry;
+    LzwEntry *freeEntry = s->freeEntry;
+    LzwEntry *maxEntry = s->maxEntry;
+    LzwEntry *const table = s->table;
+    LzwEntry *const tableEnd = table + LzwTableSize;
+
+    // Next code, top bits of each byte first.  The end of the strip counts
+    // as an EOI: nothing behind the strip's bytes is read.
+    auto nextCode = [&](uint32_t &code) -> bool {
+        if (in >= end) return false;
+        nextData = (nextData << 8) | *in++;
+        nextBits += 8;
+        if (nextBits < codeWidth) {
+            if (in >= end) return false;
+            nextData = (nextData << 8) | *in++;
+            nextBits += 8;
+        }
+        nextBits -= codeWidth;
+        code = (nextData >> nextBits) & codeMask;
+        return true;
+    };
+
+    while (left > 0) {
+        uint32_t code;
+        if (!nextCode(code) || code == LzwCodeEoi) break;
+        if (code == LzwCodeClear) {
+            freeEntry = table + LzwFirstFree;
+            codeWidth = MinCodeWidth;
+            codeMask = (1u << MinCodeWidth) - 1;
+            maxEntry = table + codeMask - 1;
+            if (!nextCode(code) || code == LzwCodeEoi) break;
+            // A code of 256 or above right after CLEAR names no string: it
+            // is taken as the end of the data, and the short row reports.
+            if (code >= LzwCodeClear) break;
+            *out++ = uint8_t(code);
+            --left;
+            oldEntry = table + code;
+            continue;
+        }
+
+        LzwEntry *e = table + code;
+        if (freeEntry >= tableEnd) {
+            ReportError(ReadTitle, "Internal error in LZW decoding", 0);
+            return 0;
+        }
+        if (oldEntry == nullptr) {
+            // The strip did not start with CLEAR: a single byte starts the
+            // string chain, any other code names no string and ends the data.
+            if (code >= LzwCodeClear) break;
+            *out++ = uint8_t(code);
+            --left;
+            oldEntry = e;
+            continue;
+        }
+        // A code above the next free entry names an entry not filled since
+        // the last CLEAR; its old contents are not used: the data end here.
+        if (e > freeEntry) break;
+
+        freeEntry->prefix = oldEntry;
+        freeEntry->firstChar = oldEntry->firstChar;
+        freeEntry->length = uint16_t(oldEntry->length + 1);
+        freeEntry->value = e < freeEntry ? e->firstChar : freeEntry->firstChar;
+        if (++freeEntry > maxEntry) {
+            // One code early, as TIFF writers do: 10 bits once entry 510 is
+            // filled, 11 after 1022, 12 after 2046.
+            if (++codeWidth > MaxCodeWidth) codeWidth = MaxCodeWidth;
+            codeMask = (1u << codeWidth) - 1;
+            maxEntry = table + codeMask - 1;
+        }
+        oldEntry = e;
+
+        if (code < LzwCodeClear) {
+            *out++ = uint8_t(code);
+            --left;
+            continue;
+        }
+        const int32_t length = e->length;
+        if (length <= left) {
+            if (WriteTail(e, out, out + length) != nullptr) {
+                ReportRow("Unexpected code in line %ld");
+                break;
+            }
+            out += length;
+            left -= length;
+            continue;
+        }
+        // The string does not fit the row: its head ends this row.
+        s->restartEntry = e;
+        LzwEntry *head = e;
+        while (head && head->length > left) head = head->prefix;
+        if (head == nullptr) break;
+        s->restart = uint32_t(left);
+        if (WriteTail(head, out, out + left) != nullptr) ReportRow("Unexpected code in line %ld");
+        left = 0;
+        break;
+    }
+
+    t.rawCursor = const_cast<uint8_t *>(in);
+    s->nextData = nextData;
+    s->nextBits = nextBits;
+    s->codeWidth = uint16_t(codeWidth);
+    s->codeMask = codeMask;
+    s->oldEntry = oldEntry;
+    s->freeEntry = freeEntry;
+    s->maxEntry = maxEntry;
+    if (left > 0) {
+        ReportRow("Unexpected code in line %ld");
+        return 0;
+    }
+    return 1;
+}
+
+int32_t PackBitsDecodeLine(uint8_t *row, int32_t count) {
+    auto &t = TiffImage;
+    const uint8_t *in = t.rawCursor;
+    int32_t avail = t.rawLeft;
+    uint8_t *out = row;
+    int32_t left = count;
+    // Packets are clipped to the row: a packet that reaches past it is
+    // consumed whole, its bytes behind the row are dropped, and the next row
+    // starts at the next control byte.  A literal cut short by the end of
+    // the strip delivers only the bytes that are there.
+    while (avail > 0 && left > 0) {
+        const int32_t n = int8_t(*in++);
+        --avail;
+        if (n >= 0) {
+            const int32_t take = n + 1 < avail ? n + 1 : avail;
+            const int32_t put = take < left ? take : left;
+            std::memcpy(out, in, size_t(put));
+            out += put;
+            in += take;
+            avail -= take;
+            left -= take;
+        } else if (n != -128) {
+            if (avail < 1) break;
+            const uint8_t value = *in++;
+            --avail;
+            const int32_t len = 1 - n;
+            const int32_t put = len < left ? len : left;
+            std::memset(out, value, size_t(put));
+            out += put;
+            left -= len;
+        }
+    }
+    t.rawCursor = const_cast<uint8_t *>(in);
+    t.rawLeft = avail;
+    if (left > 0) {
+        wsprintfA(t.messageBuffer, "Internal allocation error in line %ld", t.currentRow);
+        ReportError(ReadTitle, t.messageBuffer, 0);
+        return 0;
+    }
+    return 1;
+}

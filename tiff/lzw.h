@@ -1,0 +1,33 @@
+// lzw.h - line decoders of LZW (compression 5) and PackBits (32773) strips.
+//
+// Both take their input from the strip buffer at TiffImage.rawCursor and
+// deliver exactly one row of `count` bytes per call, keeping their place in
+// the strip between calls.
+#pragma once
+
+#include <cstdint>
+
+// One string of the LZW table, stored as a link to the string without its
+// last byte.
+struct LzwEntry {
+    LzwEntry *prefix;    // the string without its last byte; null for one byte
+    uint16_t length;     // bytes of the whole string
+    uint8_t value;       // its last byte
+    uint8_t firstChar;   // its first byte
+};
+
+constexpr uint32_t LzwTableSize = 4096;
+constexpr uint32_t LzwCodeClear = 256;
+constexpr uint32_t LzwCodeEoi = 257;
+constexpr uint32_t LzwFirstFree = 258;
+
+// Starts a strip: makes the state on the first strip of a file and resets
+// it.  1, or 0 (no message) when there is no memory or the strip starts
+// with CLEAR in the reversed bit order.
+int32_t LzwStartStrip();
+// Delivers one row; 1 when it is complete, else 0 (reported).
+int32_t LzwDecodeLine(uint8_t *row, int32_t count);
+// Frees the state and the table; safe when there is none.
+void LzwRelease();
+// Delivers one row of a PackBits strip; 1 when it is complete, else 0.
+int32_t PackBitsDecodeLine(uint8_t *row, int32_t count);
