@@ -149,12 +149,14 @@ bool WriteBitmap(const Bitmap &bitmap, const std::string &path) {
     return bool(out);
 }
 
-TL_HANDLE LoadImage(const std::string &path, int32_t number) {
+TL_HANDLE LoadImage(const std::string &path, int32_t number, std::string *chosen) {
     // The library may put the path the user chose into the name: hand it a
     // buffer of the size of a path.
     std::vector<char> name(std::max<size_t>(path.size() + 1, 260), '\0');
     memcpy(name.data(), path.c_str(), path.size());
-    return TL_IMAGE_E(name.data(), number);
+    TL_HANDLE block = TL_IMAGE_E(name.data(), number);
+    if (chosen) *chosen = name.data();
+    return block;
 }
 
 }  // namespace cli

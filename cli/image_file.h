@@ -45,7 +45,8 @@ void PixelColour(const Bitmap &bitmap, int32_t x, int32_t y, uint8_t rgb[3]);
 bool WriteBitmap(const Bitmap &bitmap, const std::string &path);
 
 // Loads image `number` of `path` (a copy of the name is handed over, so the
-// library may write the chosen path into it).  0 when there is none.
-TL_HANDLE LoadImage(const std::string &path, int32_t number);
+// library may write the path the user chose into it; `chosen` receives the
+// name the image came from).  0 when there is none.
+TL_HANDLE LoadImage(const std::string &path, int32_t number, std::string *chosen = nullptr);
 
 }  // namespace cli

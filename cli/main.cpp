@@ -2,6 +2,9 @@
 //
 //   tolimage info FILE...       format, size, depth, colours, resolution
 //   tolimage convert FILE OUT   a 1-bit image as PBM, any other as PPM
+//   tolimage convert FILE OUT --all
+//                               every image of a multi-image (RAS) file, to
+//                               OUT with the image number before the extension
 //   tolimage raster FILE OUT    the raster the engine is handed, as PBM
 //   tolimage show FILE          that raster drawn in the terminal
 //
@@ -12,6 +15,7 @@
 #include <string>
 
 #include "cli/image_file.h"
+#include "cli/walk.h"
 #include "cli/raster.h"
 #include "tolimage_posix.h"
 
@@ -20,7 +24,7 @@ namespace {
 int Usage() {
     fprintf(stderr,
             "usage: tolimage info FILE...\n"
-            "       tolimage convert FILE OUT\n"
+            "       tolimage convert FILE OUT [--all]\n"
             "       tolimage raster FILE OUT.pbm\n"
             "       tolimage show FILE\n");
     return 2;
@@ -30,7 +34,7 @@ int Info(int count, char **files) {
     int status = 0;
     for (int i = 0; i < count; ++i) {
         std::string path = files[i];
-        TL_HANDLE block = cli::LoadImage(path, 0);
+        TL_HANDLE block = cli::LoadImage(path, 0, &path);
         cli::Bitmap bitmap;
         if (!block || !cli::CopyBitmap(block, bitmap)) {
             if (block) GlobalFree(block);
@@ -40,9 +44,16 @@ int Info(int count, char **files) {
         }
         GlobalFree(block);
         int32_t rows = bitmap.height < 0 ? -bitmap.height : bitmap.height;
-        printf("%s: %s, %d x %d, %u bpp, %u colours, %d x %d pixels/m\n", path.c_str(), cli::FormatOf(path).c_str(),
-               bitmap.width, rows, unsigned(bitmap.bits), unsigned(bitmap.colours), bitmap.xPelsPerMeter,
-               bitmap.yPelsPerMeter);
+        std::string format = cli::FormatOf(path);
+        printf("%s: %s, %d x %d, %u bpp, %u colours, %d x %d pixels/m", path.c_str(), format.c_str(), bitmap.width,
+               rows, unsigned(bitmap.bits), unsigned(bitmap.colours), bitmap.xPelsPerMeter, bitmap.yPelsPerMeter);
+        if (format == "RAS") {
+            // A RAS file may hold several images; the size above is image 0's.
+            int32_t images = cli::CountImages(path.c_str());
+            if (images < 0) status = 1;
+            printf(", %d images", images < 0 ? 0 : images);
+        }
+        printf("\n");
     }
     return status;
 }
@@ -71,6 +82,8 @@ int main(int argc, char **argv) {
     cli::ReportToStderr();
     if (strcmp(argv[1], "info") == 0) return Info(argc - 2, argv + 2);
     if (strcmp(argv[1], "convert") == 0 && argc == 4) return Convert(argv[2], argv[3]);
+    if (strcmp(argv[1], "convert") == 0 && argc == 5 && strcmp(argv[4], "--all") == 0)
+        return cli::ConvertAll(argv[2], argv[3]);
     if (strcmp(argv[1], "raster") == 0 && argc == 4) return RasterCommand(argv[2], argv[3]);
     if (strcmp(argv[1], "show") == 0 && argc == 3) return ShowCommand(argv[2]);
     return Usage();

@@ -96,9 +96,9 @@ TL_HANDLE ReadIMG(char *name, int32_t imageNumber) {
             return ReadPCX(name, imageNumber);
         case TypeTIFF:
             return ReadTIF(name, imageNumber);
-        // PCX, TIFF and RAS files are recognised; their readers join here as
-        // they are built, and until then such a file gives no image.
-        default:
+        case TypeRAS:
+            return ReadRAS(name, imageNumber);
+        default:  // unknown: no image, and no error
             return nullptr;
     }
 }

@@ -77,6 +77,40 @@ TL_API int32_t PeekMessageA(MSG *msg, void *window, uint32_t first, uint32_t las
    0 on failure. */
 TL_API int32_t PostMessageA(void *window, uint32_t message, uintptr_t wParam, intptr_t lParam);
 
+/*
+ * The file dialog.  When a named file does not exist the library asks the
+ * user for another one.  On POSIX there is no system dialog: a host with a
+ * user interface installs its own with TlSetFileDialog, and a script or test
+ * installs one that answers as it likes.  Without one the library asks on
+ * the process's terminal when it has one in the foreground, and otherwise
+ * cancels at once.
+ */
+typedef struct TL_FILE_REQUEST {
+    uint32_t size;             /* sizeof(TL_FILE_REQUEST) */
+    int32_t save;              /* 1: a save dialog, 0: an open dialog */
+    uint32_t flags;            /* Win32 OFN_ bits: 0x1000 the file must exist,
+                                  0x0800 its directory must exist, 0x0002 ask
+                                  before replacing an existing file */
+    const char *title;         /* title of the dialog */
+    const char *filters;       /* label / pattern pairs, each NUL-terminated,
+                                  closed by an empty string; may be NULL */
+    uint32_t filterIndex;      /* the pair to select, counted from 1 */
+    const char *filterLabel;   /* that pair's label, or NULL */
+    const char *filterPattern; /* that pair's patterns ("*.TIF;*.TIFF"), or NULL */
+    const char *initialDir;    /* directory to open in; "" for the current one */
+    char *file;                /* in: the proposed name (may be "");
+                                  out: the chosen path, NUL-terminated */
+    uint32_t fileBytes;        /* bytes writable at file (260) */
+} TL_FILE_REQUEST;
+
+/* The host's dialog: 1 when the user chose a file (its path in
+   request->file; a relative path counts from initialDir), 0 on a cancel. */
+typedef int32_t (*TL_FILE_DIALOG)(TL_FILE_REQUEST *request);
+
+/* TlSetFileDialog - installs the host's dialog (NULL: back to the terminal
+   or a cancel); returns the one installed before. */
+TL_API TL_FILE_DIALOG TlSetFileDialog(TL_FILE_DIALOG dialog);
+
 #ifdef __cplusplus
 }
 #endif

@@ -22,14 +22,20 @@ namespace {
 constexpr uint64_t MaxPosition = 0xFFFFFFFEu;  // 0xFFFFFFFF is the failure value
 
 std::mutex openLock;
-std::set<int> openFiles;  // descriptors CreateFileA returned and CloseHandle has not closed
+
+// Descriptors CreateFileA returned and CloseHandle has not closed.  Made on
+// first use and never destroyed, so that files may be closed at exit.
+std::set<int> &OpenSet() {
+    static std::set<int> *open = new std::set<int>;
+    return *open;
+}
 
 // The descriptor of a handle of ours, or -1 (last error EBADF).
 int Descriptor(HANDLE file) {
     intptr_t value = reinterpret_cast<intptr_t>(file);
     if (value >= 0 && value <= INT_MAX) {
         std::lock_guard<std::mutex> hold(openLock);
-        if (openFiles.count(int(value))) return int(value);
+        if (OpenSet().count(int(value))) return int(value);
     }
     SetLastError(EBADF);
     return -1;
@@ -96,7 +102,7 @@ HANDLE CreateFileA(const char *name, DWORD access, DWORD share, void *security, 
     }
     {
         std::lock_guard<std::mutex> hold(openLock);
-        openFiles.insert(fd);
+        OpenSet().insert(fd);
     }
     return reinterpret_cast<HANDLE>(intptr_t(fd));
 }
@@ -200,7 +206,7 @@ BOOL CloseHandle(HANDLE file) {
     if (fd < 0) return 0;
     {
         std::lock_guard<std::mutex> hold(openLock);
-        openFiles.erase(fd);
+        OpenSet().erase(fd);
     }
     if (close(fd) != 0 && errno != EINTR) {
         SetLastError(DWORD(errno));
@@ -212,6 +218,6 @@ BOOL CloseHandle(HANDLE file) {
 namespace platform {
 int32_t OpenFiles() {
     std::lock_guard<std::mutex> hold(openLock);
-    return int32_t(openFiles.size());
+    return int32_t(OpenSet().size());
 }
 }  // namespace platform

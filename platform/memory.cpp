@@ -6,7 +6,10 @@
 // of 16 ends exactly at the guard page, so the first byte past it faults.
 // The start is 16-aligned; the slack of up to 15 bytes between the end and
 // the guard page is caught under AddressSanitizer, which also sees every
-// access to a block while it is not locked.
+// access to a block while it is not locked.  A block of 0 bytes is valid;
+// its address is that of its guard page, so that any access faults.  Larger
+// than 1 GiB is refused (ENOMEM), as is a block for which no room is left
+// below 2 GiB: like 32-bit Windows, a huge block needs one free range.
 //
 // The handle of a movable block (GMEM_MOVEABLE) is not an address but a slot
 // of a table with a generation count, (generation << 17 | slot << 1 | 1):
@@ -19,20 +22,29 @@
 //
 // Global and Local blocks are one kind, as they are on Win32: either family
 // may lock or free a block of the other.
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <string>
 #include <unordered_map>
 #include <vector>
 
 #include "platform/win32.h"
 
-#if defined(TL_ASAN) || defined(__SANITIZE_ADDRESS__)
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define TL_HAS_ASAN 1
+#endif
+#endif
+#if defined(TL_ASAN) || defined(__SANITIZE_ADDRESS__) || defined(TL_HAS_ASAN)
 #include <sanitizer/asan_interface.h>
 #define TL_POISON(address, bytes) ASAN_POISON_MEMORY_REGION(address, bytes)
 #define TL_UNPOISON(address, bytes) ASAN_UNPOISON_MEMORY_REGION(address, bytes)
@@ -45,10 +57,15 @@ namespace {
 
 constexpr uintptr_t MaxBlockSize = uintptr_t(1) << 30;  // larger requests fail as out of memory
 constexpr uintptr_t LowLimit = uintptr_t(1) << 31;      // every byte of a block lies below this
-constexpr uintptr_t LowStart = uintptr_t(1) << 24;      // first address the fallback search tries
+constexpr uintptr_t LowStart = uintptr_t(1) << 20;      // lowest address a block may take
+constexpr size_t LargeBlock = size_t(64) << 20;         // from here on: the lowest gap
+constexpr uintptr_t SmallTop = 0x7FF00000u;             // small blocks below this (AddressSanitizer's shadow
+                                                        // begins at 0x7FFF8000)
+constexpr uintptr_t SmallFloor = 0x48000000u;           // and above this
 constexpr uint32_t MaxSlots = 0xFFFF;                   // slot numbers 1..0xFFFF
 constexpr uint32_t MaxGeneration = 0x3FFF;              // keeps every handle below 2^31
 constexpr uint8_t UndefinedFill = 0xCD;                 // content of a block without GMEM_ZEROINIT
+constexpr size_t MaxFill = size_t(1) << 20;             // bytes that receive it at most
 
 struct Block {
     uint8_t *mapping = nullptr;  // start of the mapping, guard page included
@@ -61,26 +78,41 @@ struct Block {
     bool fixed = false;  // the handle is the address; no lock count
 };
 
-std::mutex tableLock;
-std::vector<Block> table(1);  // slot 0 is never used, so no handle is 0
-std::vector<uint32_t> freeSlots;
-std::unordered_map<uintptr_t, uint32_t> fixedSlots;  // address of a fixed block -> its slot
-std::atomic<int32_t> liveBlocks{0};
-uintptr_t searchCursor = LowStart;  // where the fallback search goes on
-
-// Mappings of freed small blocks, kept for reuse: a reader allocates and
-// frees the same working blocks strip after strip, and three system calls
-// per block would cost more than decoding the strip.  A kept mapping is
-// poisoned under AddressSanitizer, so a use after free is still reported.
-constexpr size_t MaxSpareMapping = size_t(256) << 10;
-constexpr size_t MaxSpares = 32;
 struct Spare {
     uint8_t *mapping;
     size_t bytes;
 };
-std::vector<Spare> spares;  // most recently freed last
+
+// Mappings of freed small blocks are kept for reuse: a reader allocates and
+// frees the same working blocks strip after strip, and three system calls
+// per block would cost more than decoding the strip.  A kept mapping is
+// poisoned under AddressSanitizer, so a use after free is still reported
+// there; in a plain build it reads stale bytes instead of faulting.
+constexpr size_t MaxSpareMapping = size_t(256) << 10;
+constexpr size_t MaxSpares = 32;
+
+// All of it behind one lock.  Made on first use and never destroyed, so
+// that a block may be allocated or freed from a static constructor or
+// destructor of any other file.
+struct State {
+    std::mutex lock;
+    std::vector<Block> table = std::vector<Block>(1);  // slot 0 is never used, so no handle is 0
+    std::vector<uint32_t> freeSlots;
+    std::unordered_map<uintptr_t, uint32_t> fixedSlots;  // address of a fixed block -> its slot
+    std::vector<Spare> spares;                           // most recently freed last
+    uintptr_t searchCursor = LowStart;                   // where the fallback search goes on
+    uintptr_t smallCursor = SmallTop;                    // the next small block ends here
+};
+
+State &S() {
+    static State *state = new State;
+    return *state;
+}
+
+std::atomic<int32_t> liveBlocks{0};
 
 uint8_t *TakeSpare(size_t bytes) {
+    std::vector<Spare> &spares = S().spares;
     for (size_t i = spares.size(); i-- > 0;) {
         if (spares[i].bytes != bytes) continue;
         uint8_t *mapping = spares[i].mapping;
@@ -100,37 +132,82 @@ bool InLowMemory(void *address, size_t bytes) {
     return start != 0 && start < LowLimit && bytes <= LowLimit - start;
 }
 
-// A mapping of `bytes` inaccessible bytes below 2 GiB, or null.
+// The lowest free range of `bytes` in [LowStart, LowLimit) by the process's
+// own map, or 0 when there is none or the map cannot be read.
+uintptr_t FindLowGap(size_t bytes) {
+    int fd = open("/proc/self/maps", O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return 0;
+    std::string text;
+    char chunk[8192];
+    for (;;) {
+        ssize_t got = read(fd, chunk, sizeof chunk);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) break;
+        text.append(chunk, size_t(got));
+    }
+    close(fd);
+    uintptr_t free = LowStart;
+    const char *line = text.c_str();
+    while (*line) {
+        char *rest;
+        uintptr_t start = std::strtoull(line, &rest, 16);
+        uintptr_t end = *rest == '-' ? std::strtoull(rest + 1, &rest, 16) : 0;
+        uintptr_t gapEnd = start < LowLimit ? start : LowLimit;
+        if (gapEnd > free && gapEnd - free >= bytes) return free;
+        if (end > free) free = end;
+        if (free >= LowLimit) return 0;
+        const char *next = std::strchr(line, '\n');
+        if (!next) break;
+        line = next + 1;
+    }
+    return LowLimit - free >= bytes ? free : 0;
+}
+
+// A mapping of `bytes` inaccessible bytes below 2 GiB, or null.  Small
+// blocks are packed downward from the top of the second GiB; large ones go
+// into the lowest gap of the map, so that the two kinds do not crowd each
+// other out and a block of nearly 1 GiB still finds room.  When its place is
+// taken, a small block falls back to the kernel's own low search
+// (MAP_32BIT, which on Linux scatters blocks over the second GiB).
 void *MapLow(size_t bytes) {
     constexpr int prot = PROT_NONE;
     constexpr int flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
-#ifdef MAP_32BIT
-    // The kernel's own low search; on Linux it covers only 1 GiB of range.
-    void *low = mmap(nullptr, bytes, prot, flags | MAP_32BIT, -1, 0);
-    if (low != MAP_FAILED) {
-        if (InLowMemory(low, bytes)) return low;
-        munmap(low, bytes);
-    }
-#endif
-    // Walk hinted addresses through the low 2 GiB.  Where the kernel lacks
-    // MAP_FIXED_NOREPLACE the hint may be ignored; the result is checked.
+    // Where the kernel lacks MAP_FIXED_NOREPLACE an address is only a hint;
+    // every result is checked.
 #ifdef MAP_FIXED_NOREPLACE
     constexpr int hintFlags = flags | MAP_FIXED_NOREPLACE;
 #else
     constexpr int hintFlags = flags;
 #endif
     if (bytes > LowLimit - LowStart) return nullptr;
+    uintptr_t &smallCursor = S().smallCursor, &searchCursor = S().searchCursor;
+    auto tryAt = [&](uintptr_t address, int how) -> void * {
+        void *got = mmap(reinterpret_cast<void *>(address), bytes, prot, how, -1, 0);
+        if (got == MAP_FAILED) return nullptr;
+        if (InLowMemory(got, bytes)) return got;
+        munmap(got, bytes);
+        return nullptr;
+    };
+    if (bytes < LargeBlock) {
+        if (smallCursor - SmallFloor < bytes) smallCursor = SmallTop;  // start again from the top
+        smallCursor -= bytes;
+        if (void *low = tryAt(smallCursor, hintFlags)) return low;
+#ifdef MAP_32BIT
+        if (void *low = tryAt(0, flags | MAP_32BIT)) return low;
+#endif
+    }
+    for (int attempt = 0; attempt < 4; attempt++) {  // another thread may take the gap first
+        uintptr_t gap = FindLowGap(bytes);
+        if (!gap) break;
+        if (void *low = tryAt(gap, hintFlags)) return low;
+    }
+    // No map to read: walk hinted addresses through the low 2 GiB.
     const uintptr_t step = bytes > (uintptr_t(1) << 24) ? bytes : (uintptr_t(1) << 24);
     for (int attempt = 0; attempt < 256; attempt++) {
         if (searchCursor < LowStart || searchCursor > LowLimit - bytes) searchCursor = LowStart;
-        void *hint = reinterpret_cast<void *>(searchCursor);
-        void *got = mmap(hint, bytes, prot, hintFlags, -1, 0);
-        if (got != MAP_FAILED) {
-            if (InLowMemory(got, bytes)) {
-                searchCursor = reinterpret_cast<uintptr_t>(got) + bytes;
-                return got;
-            }
-            munmap(got, bytes);
+        if (void *low = tryAt(searchCursor, hintFlags)) {
+            searchCursor = reinterpret_cast<uintptr_t>(low) + bytes;
+            return low;
         }
         searchCursor += step;
     }
@@ -138,10 +215,12 @@ void *MapLow(size_t bytes) {
 }
 
 // The block of a handle, or null for 0, a stale handle or a foreign value.
-// Called with tableLock held.
+// Called with the lock held.
 Block *Find(void *handle) {
     uintptr_t value = reinterpret_cast<uintptr_t>(handle);
     if (value == 0) return nullptr;
+    const std::unordered_map<uintptr_t, uint32_t> &fixedSlots = S().fixedSlots;
+    std::vector<Block> &table = S().table;
     if (!(value & 1)) {
         auto found = fixedSlots.find(value);
         return found == fixedSlots.end() ? nullptr : &table[found->second];
@@ -164,12 +243,13 @@ void *Allocate(UINT flags, uintptr_t bytes) {
     const size_t dataPages = (rounded + page - 1) & ~(page - 1);
     const size_t mappingBytes = dataPages + page;
 
-    std::lock_guard<std::mutex> hold(tableLock);
+    State &s = S();
+    std::lock_guard<std::mutex> hold(s.lock);
     uint32_t slot;
-    if (!freeSlots.empty()) {
-        slot = freeSlots.back();
-    } else if (table.size() <= MaxSlots) {
-        slot = uint32_t(table.size());
+    if (!s.freeSlots.empty()) {
+        slot = s.freeSlots.back();
+    } else if (s.table.size() <= MaxSlots) {
+        slot = uint32_t(s.table.size());
     } else {
         SetLastError(ENOMEM);
         return nullptr;
@@ -191,11 +271,12 @@ void *Allocate(UINT flags, uintptr_t bytes) {
     }
     uint8_t *guard = mapping + dataPages;
     uint8_t *data = guard - rounded;
-    // A fresh mapping reads as zeros; without GMEM_ZEROINIT the content is
-    // undefined, and a fill pattern makes reliance on zeros show.
+    // A fresh mapping reads as zeros.  Without GMEM_ZEROINIT the content is
+    // undefined, and a fill pattern makes reliance on zeros show; only the
+    // first MaxFill bytes, so that a huge block is not committed at once.
     TL_UNPOISON(data, bytes);
     if (!(flags & LMEM_ZEROINIT)) {
-        std::memset(data, UndefinedFill, bytes);
+        std::memset(data, UndefinedFill, bytes < MaxFill ? bytes : MaxFill);
     } else if (reused) {
         std::memset(data, 0, bytes);
     }
@@ -208,12 +289,12 @@ void *Allocate(UINT flags, uintptr_t bytes) {
         TL_POISON(data, rounded);  // unlocked: no access at all
     }
 
-    if (slot == table.size()) {
-        table.emplace_back();
+    if (slot == s.table.size()) {
+        s.table.emplace_back();
     } else {
-        freeSlots.pop_back();
+        s.freeSlots.pop_back();
     }
-    Block &block = table[slot];
+    Block &block = s.table[slot];
     block.mapping = mapping;
     block.mappingBytes = mappingBytes;
     block.data = data;
@@ -223,14 +304,15 @@ void *Allocate(UINT flags, uintptr_t bytes) {
     block.fixed = fixed;
     liveBlocks.fetch_add(1, std::memory_order_relaxed);
     if (fixed) {
-        fixedSlots.emplace(reinterpret_cast<uintptr_t>(data), slot);
+        s.fixedSlots.emplace(reinterpret_cast<uintptr_t>(data), slot);
         return data;
     }
     return reinterpret_cast<void *>((uintptr_t(block.generation) << 17) | (uintptr_t(slot) << 1) | 1);
 }
 
 void *Lock(void *handle) {
-    std::lock_guard<std::mutex> hold(tableLock);
+    State &s = S();
+    std::lock_guard<std::mutex> hold(s.lock);
     Block *block = Find(handle);
     if (!block) {
         SetLastError(EINVAL);
@@ -238,12 +320,13 @@ void *Lock(void *handle) {
     }
     if (block->fixed) return block->data;
     if (block->locks == 0) TL_UNPOISON(block->data, block->size);
-    block->locks++;
+    if (block->locks < INT32_MAX) block->locks++;  // beyond, the block simply stays locked
     return block->data;
 }
 
 BOOL Unlock(void *handle) {
-    std::lock_guard<std::mutex> hold(tableLock);
+    State &s = S();
+    std::lock_guard<std::mutex> hold(s.lock);
     Block *block = Find(handle);
     if (!block) {
         SetLastError(EINVAL);
@@ -261,25 +344,26 @@ BOOL Unlock(void *handle) {
 
 // A locked block is freed too, as Win32 does.
 void *Free(void *handle) {
-    std::lock_guard<std::mutex> hold(tableLock);
+    State &s = S();
+    std::lock_guard<std::mutex> hold(s.lock);
     Block *block = Find(handle);
     if (!block) {
         SetLastError(EINVAL);
         return handle;
     }
-    if (block->mappingBytes <= MaxSpareMapping && spares.size() < MaxSpares) {
+    if (block->mappingBytes <= MaxSpareMapping && s.spares.size() < MaxSpares) {
         TL_POISON(block->mapping, block->mappingBytes);
-        spares.push_back({block->mapping, block->mappingBytes});
+        s.spares.push_back({block->mapping, block->mappingBytes});
     } else {
         TL_UNPOISON(block->mapping, block->mappingBytes);  // the shadow outlives the mapping
         munmap(block->mapping, block->mappingBytes);
     }
-    uint32_t slot = uint32_t(block - table.data());
-    if (block->fixed) fixedSlots.erase(reinterpret_cast<uintptr_t>(block->data));
+    uint32_t slot = uint32_t(block - s.table.data());
+    if (block->fixed) s.fixedSlots.erase(reinterpret_cast<uintptr_t>(block->data));
     uint32_t generation = block->generation == MaxGeneration ? 1 : block->generation + 1;
     *block = Block{};
     block->generation = generation;
-    freeSlots.push_back(slot);
+    s.freeSlots.push_back(slot);
     liveBlocks.fetch_sub(1, std::memory_order_relaxed);
     return nullptr;
 }
@@ -292,7 +376,8 @@ extern "C" int32_t GlobalUnlock(TL_HANDLE block) { return Unlock(block); }
 extern "C" TL_HANDLE GlobalFree(TL_HANDLE block) { return Free(block); }
 
 uintptr_t GlobalSize(HGLOBAL handle) {
-    std::lock_guard<std::mutex> hold(tableLock);
+    State &s = S();
+    std::lock_guard<std::mutex> hold(s.lock);
     Block *block = Find(handle);
     return block ? block->size : 0;
 }

@@ -1,5 +1,5 @@
 // messages.cpp - last error, system error text, the message box, and the
-// calling thread's message queue.
+// calling thread's message queue (whose calls a host reaches as exports).
 //
 // Error codes are errno values.  The message box has no window to show on
 // POSIX: it writes one line "title: text" to stderr and answers OK at once.
@@ -92,7 +92,7 @@ void PostQuitMessage(int exitCode) {
     if (queue.size() < MaxQueued) queue.push_back(quit);
 }
 
-BOOL PostMessageA(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
+extern "C" BOOL PostMessageA(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
     if (queue.size() >= MaxQueued) {
         SetLastError(ENOSPC);
         return 0;
@@ -108,7 +108,7 @@ BOOL PostMessageA(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
 
 // The first message in posting order whose number lies in [first, last]
 // (both 0: any) and whose window passes the filter.
-BOOL PeekMessageA(MSG *msg, HWND window, UINT first, UINT last, UINT remove) {
+extern "C" BOOL PeekMessageA(MSG *msg, HWND window, UINT first, UINT last, UINT remove) {
     if (!msg) return 0;
     for (auto it = queue.begin(); it != queue.end(); ++it) {
         if (!InRange(it->message, first, last) || !ForWindow(it->hwnd, window)) continue;
@@ -120,7 +120,7 @@ BOOL PeekMessageA(MSG *msg, HWND window, UINT first, UINT last, UINT remove) {
 }
 
 // Not 0 while a keyboard or mouse message waits.
-BOOL GetInputState() {
+extern "C" BOOL GetInputState() {
     for (const MSG &waiting : queue) {
         if ((waiting.message >= WM_KEYFIRST && waiting.message <= WM_KEYLAST) ||
             (waiting.message >= WM_MOUSEFIRST && waiting.message <= WM_MOUSELAST))

@@ -91,3 +91,65 @@ namespace platform {
 int32_t LiveBlocks();   // Global and Local blocks not yet freed
 int32_t OpenFiles();    // CreateFileA handles not yet closed
 }  // namespace platform
+
+// ==== file dialogs and profile (platform/dialog.cpp, platform/profile.cpp) ====
+// The common dialog record in its version 4.00 form, the field list that
+// has lStructSize 76 on 32-bit Windows.  On a 64-bit build the same fields
+// take more bytes; the stand-ins take 76 as the tag of this field list, not
+// as a byte count, and refuse any other value.
+using HINSTANCE = void *;
+using WORD = uint16_t;
+using LPOFNHOOKPROC = uintptr_t (*)(HWND, UINT, WPARAM, LPARAM);
+struct OPENFILENAMEA {
+    DWORD lStructSize;
+    HWND hwndOwner;
+    HINSTANCE hInstance;
+    const char *lpstrFilter;
+    char *lpstrCustomFilter;
+    DWORD nMaxCustFilter;
+    DWORD nFilterIndex;
+    char *lpstrFile;
+    DWORD nMaxFile;
+    char *lpstrFileTitle;
+    DWORD nMaxFileTitle;
+    const char *lpstrInitialDir;
+    const char *lpstrTitle;
+    DWORD Flags;
+    WORD nFileOffset;
+    WORD nFileExtension;
+    const char *lpstrDefExt;
+    LPARAM lCustData;
+    LPOFNHOOKPROC lpfnHook;
+    const char *lpTemplateName;
+};
+using OPENFILENAME = OPENFILENAMEA;
+constexpr DWORD OPENFILENAME_SIZE_VERSION_400 = 76;
+constexpr DWORD OFN_OVERWRITEPROMPT = 0x00000002;
+constexpr DWORD OFN_HIDEREADONLY = 0x00000004;
+constexpr DWORD OFN_NOCHANGEDIR = 0x00000008;
+constexpr DWORD OFN_PATHMUSTEXIST = 0x00000800;
+constexpr DWORD OFN_FILEMUSTEXIST = 0x00001000;
+
+// Show the dialog; not 0 when the user confirmed, and lpstrFile then holds
+// the chosen full path.  0 on a cancel.
+BOOL GetOpenFileNameA(OPENFILENAMEA *record);
+BOOL GetSaveFileNameA(OPENFILENAMEA *record);
+// The window that owns a dialog; the library has none on POSIX: 0.
+HWND GetActiveWindow();
+// The directory of profile files without a closing separator: the user's
+// configuration directory of the library.  Its length, or the bytes needed
+// (with the NUL) when `size` is too small, leaving `buffer` alone; 0 when
+// there is none.
+UINT GetWindowsDirectoryA(char *buffer, UINT size);
+// The value of `key` in `[section]` of the INI file `path` (or
+// `defaultValue`), cut to size - 1 characters; its length.
+DWORD GetPrivateProfileStringA(const char *section, const char *key, const char *defaultValue, char *buffer,
+                               DWORD size, const char *path);
+// Stores key=value in [section] (a NULL value removes the key, a NULL key
+// the section); the file is written anew and renamed into place.  Not 0 on
+// success.
+BOOL WritePrivateProfileStringA(const char *section, const char *key, const char *value, const char *path);
+// Splits `path` into drive (always empty on POSIX), directory (with its
+// closing "/"), name and extension (with its leading ".").  Each output may
+// be NULL and takes up to 260 bytes; longer parts are cut.
+void _splitpath(const char *path, char *drive, char *directory, char *name, char *extension);

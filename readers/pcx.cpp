@@ -248,15 +248,14 @@ TL_HANDLE ReadPCX(const char *name, int32_t imageNumber) {
     {
         // The first scan line is the bottom row of the block.
         uint8_t *pixels = bits + TL_DIB_HEADER_SIZE + 4 * colours;
-        uint8_t *row = pixels + size_t(h.height - 1) * stride;
         while (rows < h.height) {
             if (!PcxReadLine(int32_t(lineBytes), line, PcxFile)) break;
+            uint8_t *row = pixels + size_t(h.height - 1 - rows) * stride;
             if (h.planes == 1)
                 ConvertLine1(line, lineBytes, row, stride);
             else
                 ConvertLine4(line, uint32_t(h.bytesPerLine), row, stride);
             ++rows;
-            row -= stride;
         }
     }
     LocalUnlock(lineBlock);

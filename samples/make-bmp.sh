@@ -1,5 +1,8 @@
 #!/usr/bin/env bash
-# Makes samples/sample.bmp, a small scanned-letter-like page, with netpbm.
+# Makes samples/sample.bmp, a small scanned-letter-like page, with
+# ImageMagick (bilevel, 1 bit per pixel, 40-byte header).
 set -euo pipefail
 cd "$(dirname "$0")"
-printf 'TolImage\nreads scanned and faxed\ndocument images.\n' | pbmtext -builtin fixed | pnmscale 2 | pnmpad -white -left 16 -right 16 -top 12 -bottom 12 | ppmtobmp -bpp=1 > sample.bmp 2>/dev/null
+/usr/bin/convert -size 480x200 xc:white -fill black -pointsize 56 -annotate +24+80 'Dear Sir,' \
+  -pointsize 28 -annotate +24+140 'TolImage reads this.' -draw 'rectangle 24,160 440,166' \
+  -type bilevel BMP3:sample.bmp

@@ -109,19 +109,6 @@ TEST(Blocks, AllocOverAHeldBlockForgetsIt) {
     EXPECT_TRUE(guard.Same());
 }
 
-TEST(Blocks, FlagsOtherThanZeroGoToThePlatform) {
-    test::LeakGuard guard;
-    MemoryBlock b{};
-    ASSERT_EQ(BlockAlloc(&b, GMEM_MOVEABLE, 4, 4, "not zeroed"), 1);
-    auto *bytes = static_cast<uint8_t *>(BlockLock(&b));
-    ASSERT_NE(bytes, nullptr);
-    bool allZero = true;  // the platform fills a block without GMEM_ZEROINIT
-    for (int i = 0; i < 16; ++i) allZero = allZero && bytes[i] == 0;
-    EXPECT_FALSE(allZero);
-    BlockFree(&b);
-    EXPECT_TRUE(guard.Same());
-}
-
 // A lock that fails leaves nothing to go on with: the block is given back
 // and the descriptor emptied, so a caller that tests `handle` sees no memory.
 TEST(Blocks, FailedLockEmptiesTheDescriptor) {

@@ -16,11 +16,11 @@ expect() {  # expect STATUS COMMAND...
 }
 
 expect 0 "$tool" info "$samples/sample.bmp"
-grep -q "sample.bmp: BMP, 410 x 144, 1 bpp, 2 colours" "$out/stdout" || { echo "FAIL: info line"; cat "$out/stdout"; fail=1; }
+grep -q "sample.bmp: BMP, 480 x 200, 1 bpp, 2 colours" "$out/stdout" || { echo "FAIL: info line"; cat "$out/stdout"; fail=1; }
 
 expect 0 "$tool" convert "$samples/sample.bmp" "$out/sample.pbm"
-[ "$(head -c 11 "$out/sample.pbm")" = "$(printf 'P4\n410 144\n')" ] || { echo "FAIL: PBM header"; fail=1; }
-[ "$(stat -c %s "$out/sample.pbm")" = $((11 + 52 * 144)) ] || { echo "FAIL: PBM size"; fail=1; }
+[ "$(head -c 11 "$out/sample.pbm")" = "$(printf 'P4\n480 200\n')" ] || { echo "FAIL: PBM header"; fail=1; }
+[ "$(stat -c %s "$out/sample.pbm")" = $((11 + 60 * 200)) ] || { echo "FAIL: PBM size"; fail=1; }
 
 expect 0 "$tool" convert "$fixtures/bmp/magick_4bit.bmp" "$out/colours.ppm"
 cmp -s "$out/colours.ppm" "$fixtures/bmp/src/colours.ppm" || { echo "FAIL: PPM differs from its source"; fail=1; }
@@ -33,6 +33,24 @@ cmp -s "$out/text.pbm" "$fixtures/pcx/src/text.pbm" || { echo "FAIL: PBM from PC
 
 expect 0 "$tool" convert "$fixtures/pcx/netpbm_4plane.pcx" "$out/colours16.ppm"
 [ "$(head -c 13 "$out/colours16.ppm")" = "$(printf 'P6\n101 9\n255\n')" ] || { echo "FAIL: PPM header from PCX"; fail=1; }
+
+expect 0 "$tool" info "$samples/multi.ras" "$samples/colour16.ras"
+grep -q "multi.ras: RAS, 265 x 94, 1 bpp, 2 colours, 0 x 0 pixels/m, 3 images" "$out/stdout" || { echo "FAIL: RAS info line"; cat "$out/stdout"; fail=1; }
+grep -q "colour16.ras: RAS, 96 x 40, 4 bpp, 16 colours, 0 x 0 pixels/m, 1 images" "$out/stdout" || { echo "FAIL: RAS info line"; cat "$out/stdout"; fail=1; }
+
+# --all walks the file: one output per image, numbered before the extension.
+expect 0 "$tool" convert "$samples/multi.ras" "$out/page.pbm" --all
+for n in 1 2 3; do
+    cmp -s "$out/page-$((n - 1)).pbm" "$fixtures/ras/src/page$n.pbm" || { echo "FAIL: RAS image $((n - 1)) differs from its source"; fail=1; }
+done
+[ -e "$out/page-3.pbm" ] && { echo "FAIL: a fourth RAS image"; fail=1; }
+expect 0 "$tool" convert "$samples/colour16.ras" "$out/colour" --all
+cmp -s "$out/colour-0" "$fixtures/ras/src/colour16.ppm" || { echo "FAIL: 16-colour RAS differs from its source"; fail=1; }
+expect 0 "$tool" convert "$samples/sample.bmp" "$out/single.pbm" --all
+[ -e "$out/single-0.pbm" ] && [ ! -e "$out/single-1.pbm" ] || { echo "FAIL: --all on a one-image file"; fail=1; }
+head -c 2444 "$samples/multi.ras" > "$out/bare.ras"
+expect 1 "$tool" convert "$out/bare.ras" "$out/bare.pbm" --all
+expect 1 "$tool" convert "$out/missing.ras" "$out/missing.pbm" --all
 
 printf 'B' > "$out/one.bin"
 expect 1 "$tool" info "$out/one.bin"

@@ -252,3 +252,54 @@ TEST(FaxRows1D, TagBitAfterCompressionTwoRowsAndStripRestart) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(FaxState, RecordReferenceLineGuardAndRelease) {
+    struct Case {
+        uint16_t compression;
+        uint32_t group3Options;
+        bool hasRef;
+    };
+    for (const Case &c : {Case{2, 0, false}, Case{3, 0, false}, Case{3, 1, true}, Case{2, 1, true}, Case{4, 0, true}}) {
+        SCOPED_TRACE(c.compression * 10 + c.group3Options);
+        test::LeakGuard guard;
+        {
+            BitWriter w;
+            w.Eol().Bit(1);
+            w.Run(false, 20);
+            Strip strip(c.compression, 20, w.bytes, c.group3Options);
+            ASSERT_EQ(strip.prepared, 1);
+            ASSERT_NE(faxState, nullptr);
+            EXPECT_EQ(faxState->rowBytes, 3u);
+            EXPECT_EQ(faxState->rowPixels, 20u);
+            EXPECT_EQ(faxState->refLine != nullptr, c.hasRef);
+            if (c.hasRef) {
+                EXPECT_EQ(faxState->refLine[-1], 0);  // the guard byte
+                EXPECT_EQ(faxState->refLine, reinterpret_cast<uint8_t *>(faxState) + sizeof(FaxState) + 1);
+                faxState->refLine[0] = 0xFF;  // a later strip starts white again
+                strip.Restart();
+                EXPECT_EQ(faxState->refLine[0], 0);
+            }
+        }
+        EXPECT_EQ(faxState, nullptr);
+        EXPECT_TRUE(guard.Same());
+        FaxRelease();  // a second release finds no block
+    }
+    // A width whose byte count wrapped in 32 bits, or past the ceiling, gets
+    // no record.
+    for (uint32_t width : {0xFFFFFFFFu, FaxMaxWidth + 1}) {
+        test::LeakGuard guard;
+        std::memset(&TiffImage, 0, sizeof TiffImage);
+        TiffImage.imageWidth = width;
+        TiffImage.scanlineSize = (width + 7) / 8;
+        TiffImage.compression = 4;
+        FaxStart(4);
+        EXPECT_EQ(FaxPrepareStrip(), 0);
+        EXPECT_EQ(faxState, nullptr);
+        FaxRelease();
+        EXPECT_TRUE(guard.Same());
+    }
+}
+
+}  // namespace

@@ -148,14 +148,6 @@ TEST(PcxReader, EncodedFilesGiveTheirSourcesPixelForPixel) {
     }
 }
 
-TEST(PcxReader, BundledSampleLoads) {
-    Loaded got = LoadGood(test::Sample("sample.pcx"));
-    ASSERT_GE(got.bytes.size(), 40u);
-    EXPECT_EQ(LoadI32(&got.bytes[4]), 400);
-    EXPECT_EQ(LoadI32(&got.bytes[8]), 200);
-    EXPECT_EQ(LoadI32(&got.bytes[24]), 7873);  // 200 dpi
-}
-
 // Each case is one scan line of a 1-plane image whose line is `want`
 // after decoding; the block row holds it inverted.
 TEST(PcxReader, RunLengthCode) {

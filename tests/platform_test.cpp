@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,7 +16,12 @@
 #include "support/support.h"
 #include "tolimage_posix.h"
 
-#if defined(TL_ASAN) || defined(__SANITIZE_ADDRESS__)
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define TL_HAS_ASAN 1
+#endif
+#endif
+#if defined(TL_ASAN) || defined(__SANITIZE_ADDRESS__) || defined(TL_HAS_ASAN)
 #define TL_TEST_ASAN 1
 #else
 #define TL_TEST_ASAN 0
@@ -46,6 +52,27 @@ TEST(MovableMemory, BlocksAreLowAlignedZeroedAndSized) {
         EXPECT_EQ(GlobalFree(block), nullptr);
     }
 }
+
+#if !TL_TEST_ASAN  // under the sanitizer the shadow of these blocks would cost 64 MiB and more
+TEST(MovableMemory, LargeBlocksStayLow) {
+    // Small blocks live meanwhile must not crowd out a block of nearly 1 GiB.
+    std::vector<TL_HANDLE> small;
+    for (int i = 0; i < 500; i++) small.push_back(GlobalAlloc(GHND, 1000));
+    for (uintptr_t size : {uintptr_t(512) << 20, (uintptr_t(1) << 30) - 4096}) {
+        SCOPED_TRACE(size);
+        TL_HANDLE block = GlobalAlloc(GHND, size);
+        ASSERT_NE(block, nullptr);
+        auto *bytes = static_cast<uint8_t *>(GlobalLock(block));
+        ASSERT_NE(bytes, nullptr);
+        EXPECT_LE(Value(bytes) + size, uintptr_t(1) << 31);
+        EXPECT_EQ(bytes[0] | bytes[size - 1], 0);
+        bytes[0] = bytes[size - 1] = 1;
+        GlobalUnlock(block);
+        EXPECT_EQ(GlobalFree(block), nullptr);
+    }
+    for (TL_HANDLE block : small) GlobalFree(block);
+}
+#endif
 
 TEST(MovableMemory, ReusedMemoryIsZeroedAgain) {
     // Freed blocks may come back at the same place; GHND must still give zeros.
@@ -165,6 +192,7 @@ void WriteAt(void *base, size_t index) { static_cast<volatile uint8_t *>(base)[i
 [[maybe_unused]] uint8_t ReadAt(void *base, size_t index) { return static_cast<volatile uint8_t *>(base)[index]; }
 
 TEST(MovableMemoryDeathTest, OverrunsAndUseAfterUnlockFault) {
+    const std::string style = GTEST_FLAG_GET(death_test_style);
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     // A size that is a multiple of 16 ends at the guard page: one byte more faults in every build.
     for (uintptr_t size : {16u, 4096u, 8192u + 48u}) {
@@ -194,6 +222,17 @@ TEST(MovableMemoryDeathTest, OverrunsAndUseAfterUnlockFault) {
         "use-after-poison");
     EXPECT_DEATH(
         {
+            TL_HANDLE block = GlobalAlloc(GHND, 13);
+            void *bytes = GlobalLock(block);
+            GlobalLock(block);
+            GlobalUnlock(block);
+            ReadAt(bytes, 12);  // still locked once: fine
+            GlobalUnlock(block);
+            ReadAt(bytes, 12);
+        },
+        "use-after-poison");
+    EXPECT_DEATH(
+        {
             TL_HANDLE block = GlobalAlloc(GHND, 100);
             void *bytes = GlobalLock(block);
             GlobalFree(block);
@@ -201,6 +240,7 @@ TEST(MovableMemoryDeathTest, OverrunsAndUseAfterUnlockFault) {
         },
         "");
 #endif
+    GTEST_FLAG_SET(death_test_style, style);
 }
 
 // ---------------------------------------------------------------- files
@@ -221,7 +261,10 @@ TEST(Files, OpenModesAndFailures) {
     const std::string existing = test::WriteTemp("modes.bin", Counting(10));
     const std::string missing = test::TempDir() + "/missing.bin";
     const std::string created = test::TempDir() + "/created.bin";
+    const std::string fifo = test::TempDir() + "/fifo";
     unlink(created.c_str());
+    unlink(fifo.c_str());
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     struct Case {
         std::string name;
         DWORD access, disposition;
@@ -237,6 +280,7 @@ TEST(Files, OpenModesAndFailures) {
         {existing, GENERIC_READ | GENERIC_WRITE, CREATE_ALWAYS, true, 0, 0},  // truncates
         {test::TempDir(), GENERIC_READ, OPEN_EXISTING, false, EISDIR, -1},
         {"/dev/null", GENERIC_READ, OPEN_EXISTING, false, ENODEV, -1},
+        {fifo, GENERIC_READ, OPEN_EXISTING, false, ENODEV, -1},  // must not wait for a writer
         {existing, 0, OPEN_EXISTING, false, EINVAL, -1},
         {existing, GENERIC_READ, 9, false, EINVAL, -1},
     };
@@ -298,6 +342,15 @@ TEST(Files, ReadSeekAndSize) {
         EXPECT_EQ(SetFilePointer(file, s.offset, nullptr, s.method), s.expect);
         EXPECT_EQ(SetFilePointer(file, 0, nullptr, FILE_CURRENT), s.positionAfter);
     }
+
+    // The two-part form: the position must still fit 32 bits.
+    LONG offsetHigh = 0;
+    EXPECT_EQ(SetFilePointer(file, 10, &offsetHigh, FILE_BEGIN), 10u);
+    offsetHigh = 1;
+    EXPECT_EQ(SetFilePointer(file, 0, &offsetHigh, FILE_BEGIN), Fail);
+    offsetHigh = -1;
+    EXPECT_EQ(SetFilePointer(file, -4, &offsetHigh, FILE_CURRENT), 6u);
+    EXPECT_EQ(offsetHigh, 0);
 
     // Reads: full, short at the end (still success), empty at the end.
     uint8_t buffer[64];

@@ -63,7 +63,9 @@ int32_t FaxPrepareStrip() {
         if (width > FaxMaxWidth || TiffImage.scanlineSize != (width + 7) / 8) return 0;
         uint32_t size = sizeof(FaxState);
         bool withRef = HasReferenceLine();
-        if (withRef && !checked::Add(size + 1, TiffImage.scanlineSize, &size)) return 0;
+        // Record, guard byte, reference line, and FaxRefSlack zero bytes
+        // that the reference line's cursor may read behind its end.
+        if (withRef && !checked::Add(size + 1 + FaxRefSlack, TiffImage.scanlineSize, &size)) return 0;
         if (!BlockAlloc(&TiffImage.ccittBlock, 0, 1, size, FaxBlockLabel)) return 0;
         auto *base = static_cast<uint8_t *>(BlockLock(&TiffImage.ccittBlock));
         if (base == nullptr) {
@@ -77,6 +79,7 @@ int32_t FaxPrepareStrip() {
         if (withRef) {
             base[sizeof(FaxState)] = 0;  // the guard byte: white pixels before pixel 0
             faxState->refLine = base + sizeof(FaxState) + 1;
+            std::memset(faxState->refLine + faxState->rowBytes, 0, FaxRefSlack);  // read, never written
         } else {
             faxState->refLine = nullptr;
         }
@@ -169,7 +172,10 @@ inline void FaxEndRow1D(FaxBits &bits) {
 
 }  // namespace
 
-int32_t FaxDecodeRow1D(FaxBits &bits, uint8_t *row, int32_t width) {
+// The row decoder works on a copy of the stream in locals, which writes to
+// the row (bytes, which may alias anything) can't force back to memory.
+static inline __attribute__((always_inline)) int32_t FaxDecodeRow1DLocal(FaxBits &bits, uint8_t *row,
+                                                                         int32_t width) {
     int32_t pos = 0;
     int32_t run;
     for (;;) {
@@ -186,11 +192,11 @@ int32_t FaxDecodeRow1D(FaxBits &bits, uint8_t *row, int32_t width) {
         if (run < 0) break;
         if (run > 0) {
             if (run >= width - pos) {
-                FaxSetSpan(row, pos, width - pos);  // clipped at the row's end
+                FaxBlackSpan(row, pos, width, (width - 1) >> 3);  // clipped at the row's end
                 FaxEndRow1D(bits);
                 return 1;
             }
-            FaxSetSpan(row, pos, run);
+            FaxBlackSpan(row, pos, pos + run, (width - 1) >> 3);
             pos += run;
         }
     }
@@ -199,6 +205,13 @@ int32_t FaxDecodeRow1D(FaxBits &bits, uint8_t *row, int32_t width) {
     FaxReportUnexpectedCode();
     FaxEndRow1D(bits);
     return pos == width ? 1 : -1;
+}
+
+int32_t FaxDecodeRow1D(FaxBits &bits, uint8_t *row, int32_t width) {
+    FaxBits local = bits;
+    int32_t result = FaxDecodeRow1DLocal(local, row, width);
+    bits = local;
+    return result;
 }
 
 int32_t FaxDecodeRows(uint8_t *row, int32_t size) {

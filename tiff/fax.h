@@ -148,8 +148,13 @@ inline void FaxFillSpan(uint8_t *dest, int32_t start, int32_t count) {
 
 inline void FaxSetSpan(uint8_t *row, int32_t start, int32_t count) {
     int32_t k = start & 7;
-    if (count <= 8 - k)
-        row[start >> 3] |= uint8_t(FaxLeftMask[count] >> k);
-    else
-        FaxFillSpan(row + (start >> 3), start, count);
+    uint8_t *dest = row + (start >> 3);
+    if (count <= 8 - k) {
+        *dest |= uint8_t(FaxLeftMask[count] >> k);
+    } else if (count <= 16 - k) {  // the span ends in the next byte
+        dest[0] |= uint8_t(0xFFu >> k);
+        dest[1] |= FaxLeftMask[count + k - 8];
+    } else {
+        FaxFillSpan(dest, start, count);
+    }
 }

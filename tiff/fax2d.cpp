@@ -4,8 +4,10 @@
 // A row is decoded against the reference line (the row before, white at a
 // strip's start) by mode codes.  a0 is the pixel reached, colour the colour
 // of the run that starts there; b1 and b2 are found on the reference line by
-// FaxFindSpan, which reads the guard byte before the line for the positions
-// -8..-1, all white.
+// a cursor of 64-pixel windows (FaxNextPixel) that only moves forward from
+// a0 and gives what FaxFindOnes and FaxFindZeros give, with fewer steps.
+// It reads the guard byte before the line for the positions -8..-1, all
+// white, and the zero bytes behind the line's end.
 #include <cstring>
 
 #include "tiff/directory.h"
@@ -14,21 +16,39 @@
 
 namespace {
 
-// The next change of the reference line to the colour opposite `colour`
-// strictly right of a0 (b1): the pixels of the opposite colour that a0 may
-// stand on are passed first, then those of a0's colour.
+constexpr uint64_t White = 0;
+constexpr uint64_t Black = ~uint64_t(0);
+
+// b1: the next change of the reference line to the colour opposite
+// `colour`, right of a0.  The pixels of the opposite colour that a0 may
+// stand on are passed first, then those of a0's colour.  Mostly both lie in
+// the 57 or more pixels of one 64-pixel window from a0, which one load
+// gives; only a longer search goes on pixel window by window.
 inline int32_t FaxFindB1(const uint8_t *ref, int32_t a0, int32_t colour, int32_t width) {
-    if (colour == 0) {
-        int32_t s = a0 + FaxFindSpan<true>(ref, a0, width);
-        return s + FaxFindSpan<false>(ref, s, width);
+    const uint64_t flip = colour ? Black : White;
+    const int32_t k = a0 & 7;
+    // Pixels from a0 on, 1 where the colour is the opposite of `colour`; the
+    // k bits shifted in at the bottom are 0, and no pixel.
+    const uint64_t opposite = (FaxLoad64(ref + (a0 >> 3)) ^ flip) << k;
+    const uint64_t same = ~opposite;  // the shifted-in bits count as found: checked below
+    const int32_t valid = 64 - k;
+    if (same != 0) {
+        int32_t s = __builtin_clzll(same);
+        if (s < valid) {
+            uint64_t after = opposite & (~uint64_t(0) >> s);
+            if (after != 0) {
+                int32_t b1 = a0 + __builtin_clzll(after);
+                return b1 < width ? b1 : width;
+            }
+            return FaxNextPixel(ref, a0 + valid, ~flip, width);
+        }
     }
-    int32_t s = a0 + FaxFindSpan<false>(ref, a0, width);
-    return s + FaxFindSpan<true>(ref, s, width);
+    return FaxNextPixel(ref, FaxNextPixel(ref, a0 + valid, flip, width), ~flip, width);
 }
 
-// The change behind b1 (b2).
+// b2: the change behind b1.
 inline int32_t FaxFindB2(const uint8_t *ref, int32_t b1, int32_t colour, int32_t width) {
-    return colour == 0 ? b1 + FaxFindSpan<true>(ref, b1, width) : b1 + FaxFindSpan<false>(ref, b1, width);
+    return FaxNextPixel(ref, b1, colour == 0 ? White : Black, width);
 }
 
 // Black pixels from a0 (from 0 while a0 is before the row) up to `to`,
@@ -38,7 +58,26 @@ inline int32_t FaxFindB2(const uint8_t *ref, int32_t b1, int32_t colour, int32_t
 inline void FaxBlackTo(uint8_t *row, int32_t a0, int32_t to, int32_t width) {
     int32_t start = a0 < 0 ? 0 : a0;
     if (to > width) to = width;
-    if (to > start) FaxSetSpan(row, start, to - start);
+    if (to > start) FaxBlackSpan(row, start, to, (width - 1) >> 3);
+}
+
+// The run from a0 (from 0 while a0 is before the row) up to `to`, clipped
+// at width, in `colour`: black pixels are set, white ones are already
+// there.  The colour and an empty run don't branch: they make a mask of 0.
+inline void FaxRunTo(uint8_t *row, int32_t a0, int32_t to, int32_t colour, int32_t width) {
+    const int32_t start = a0 < 0 ? 0 : a0;  // below width: a0 is
+    if (to > width) to = width;
+    const int32_t count = (to - start) & -int32_t(colour != 0 && to > start);
+    const int32_t k = start & 7;
+    const int32_t b = start >> 3;
+    if (k + count <= 16) {
+        const int32_t lastByte = (width - 1) >> 3;
+        const uint32_t mask = (0xFFFFu >> k) & ~(0xFFFFu >> (k + count));
+        row[b] |= uint8_t(mask >> 8);
+        row[b < lastByte ? b + 1 : b] |= uint8_t(mask);
+    } else {
+        FaxFillSpan(row + b, start, count);
+    }
 }
 
 // What ends a row: under compression 3 the search for its EOL.
@@ -49,7 +88,10 @@ inline int32_t FaxEndRow2D(FaxBits &bits, int32_t a0, int32_t width) {
 
 }  // namespace
 
-int32_t FaxDecodeRow2D(FaxBits &bits, uint8_t *row, const uint8_t *ref, int32_t width) {
+// The row decoder works on a copy of the stream in locals, which writes to
+// the row (bytes, which may alias anything) can't force back to memory.
+static inline __attribute__((always_inline)) int32_t FaxDecodeRow2DLocal(FaxBits &bits, uint8_t *row,
+                                                                         const uint8_t *ref, int32_t width) {
     const uint16_t *modes = FaxModeTable.data();
     int32_t a0 = -1;
     int32_t colour = 0;
@@ -77,7 +119,7 @@ int32_t FaxDecodeRow2D(FaxBits &bits, uint8_t *row, const uint8_t *ref, int32_t 
         if (action >= 3 && action <= 9) {
             // Vertical: a1 = b1 + action - 6; the run up to a1 has colour.
             int32_t a1 = FaxFindB1(ref, a0, colour, width) + int32_t(action) - 6;
-            if (colour) FaxBlackTo(row, a0, a1, width);
+            FaxRunTo(row, a0, a1, colour, width);
             a0 = a1;  // may move back by up to three pixels; set pixels stay
             colour ^= 1;
         } else if (action == FaxModeHorizontal) {
@@ -86,10 +128,10 @@ int32_t FaxDecodeRow2D(FaxBits &bits, uint8_t *row, const uint8_t *ref, int32_t 
             if (first >= 0 && second >= 0) {
                 if (a0 < 0) a0 = 0;
                 if (first > width - a0) first = width - a0;
-                if (colour && first > 0) FaxSetSpan(row, a0, first);
+                if (colour && first > 0) FaxBlackSpan(row, a0, a0 + first, (width - 1) >> 3);
                 a0 += first;
                 if (second > width - a0) second = width - a0;
-                if (!colour && second > 0) FaxSetSpan(row, a0, second);
+                if (!colour && second > 0) FaxBlackSpan(row, a0, a0 + second, (width - 1) >> 3);
                 a0 += second;
             }
             // A negative run drops both, silently; the bit position stays
@@ -140,6 +182,13 @@ int32_t FaxDecodeRow2D(FaxBits &bits, uint8_t *row, const uint8_t *ref, int32_t 
         }
         if (a0 >= width) return FaxEndRow2D(bits, a0, width);
     }
+}
+
+int32_t FaxDecodeRow2D(FaxBits &bits, uint8_t *row, const uint8_t *ref, int32_t width) {
+    FaxBits local = bits;
+    int32_t result = FaxDecodeRow2DLocal(local, row, ref, width);
+    bits = local;
+    return result;
 }
 
 int32_t FaxDecodeRowsG4(uint8_t *row, int32_t size) {

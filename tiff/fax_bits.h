@@ -8,6 +8,7 @@
 // routines of the same names do the same on the static state.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 
@@ -29,7 +30,7 @@ constexpr uint32_t FaxMaxWidth = 1u << 29;
 constexpr uint32_t FaxRunCeiling = 1u << 30;
 
 // Reports "Unexpected code in line %ld" with currentRow under "TIFF Read".
-void FaxReportUnexpectedCode();
+[[gnu::cold]] void FaxReportUnexpectedCode();
 
 // Entry of a state table: action in bits 8..15, next state in bits 0..7.
 inline uint32_t FaxLookup(const uint16_t *table, uint32_t row, uint32_t byte) {
@@ -37,7 +38,8 @@ inline uint32_t FaxLookup(const uint16_t *table, uint32_t row, uint32_t byte) {
 }
 
 inline bool FaxFetchByte(FaxBits &bits) {
-    if (bits.left < 1) return false;
+    if (bits.left < 1) [[unlikely]]
+        return false;
     --bits.left;
     bits.curByte = bits.byteMap[*bits.cursor++];
     return true;
@@ -160,6 +162,56 @@ inline int32_t FaxFindSpan(const uint8_t *line, int32_t start, int32_t end) {
     if (n < 1) return r;
     int32_t last = lead[*p];
     return r + (last < n ? last : n);
+}
+
+// Sets pixels start .. end - 1 (end > start, end <= width) of a row whose
+// last byte is row[lastByte].  A span within two bytes, the common case, is
+// two ORs with no test of its length: where the span ends in the row's last
+// byte, the second OR (of 0) goes to that byte again, never behind it.
+inline void FaxBlackSpan(uint8_t *row, int32_t start, int32_t end, int32_t lastByte) {
+    const int32_t k = start & 7;
+    const int32_t b = start >> 3;
+    const int32_t reach = k + (end - start);  // bits from the top of row[b]
+    if (reach <= 16) {
+        const uint32_t mask = (0xFFFFu >> k) & ~(0xFFFFu >> reach);
+        const int32_t next = b < lastByte ? b + 1 : b;
+        row[b] |= uint8_t(mask >> 8);
+        row[next] |= uint8_t(mask);
+    } else {
+        FaxFillSpan(row + b, start, end - start);
+    }
+}
+
+// Bytes behind the reference line that FaxNextPixel may read: they are 0
+// and never written.
+constexpr uint32_t FaxRefSlack = 8;
+
+// 64 pixels of a line from the byte at p, the first in the top bit.
+inline uint64_t FaxLoad64(const uint8_t *p) {
+    uint64_t v;
+    std::memcpy(&v, p, 8);
+    if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap64(v);
+    return v;
+}
+
+// The first pixel from x on (x >= -8) that is black (black all ones) or
+// white (black 0) on the reference line, or width when there is none before
+// width.  This is the reference line's cursor of the two-dimensional
+// decoder: it gives what FaxFindOnes/FaxFindZeros give for a span up to
+// width (x + the span), with one 64-pixel window per step instead of a
+// byte at a time.  It may read up to FaxRefSlack bytes behind the line's
+// last byte, and the guard byte before it.
+inline int32_t FaxNextPixel(const uint8_t *line, int32_t x, uint64_t black, int32_t width) {
+    while (x < width) {
+        int32_t k = x & 7;
+        uint64_t hits = (FaxLoad64(line + (x >> 3)) ^ ~black) << k;  // the wanted pixels as 1
+        if (hits != 0) {
+            int32_t found = x + __builtin_clzll(hits);
+            return found < width ? found : width;
+        }
+        x += 64 - k;
+    }
+    return width;
 }
 
 inline int32_t FaxReadUncompressedCode(FaxBits &bits) {

@@ -71,6 +71,9 @@ inline constexpr std::array<std::string_view, 13> ExtendedMakeUp = {
     "000000011101", "000000011110", "000000011111",
 };
 
+// EOL: eleven zero bits and a 1.  In FaxRunTable a twelfth zero bit is no
+// code word (action 1): more zero bits are fill, which only FaxSkipToEol
+// accepts, and they never stand inside a row.
 inline constexpr std::string_view Eol = "000000000001";
 
 // The 105 code words of one colour with their FaxRunTable actions.
@@ -159,22 +162,37 @@ constexpr Tree BuildTree(const std::array<Code, N> &codes, uint32_t firstState) 
     return t;
 }
 
-// The entry for the node `start` followed through the bits of `byte` from
-// bit `from` (0 = top): a completed word gives its action and the position
+// A refused pattern leaves the position behind its refused bit, as a
+// completed word does: every look-up that isn't action 0 consumes at least
+// one bit, so no fault can make the decoders stand still, and the EOL
+// search or byte alignment behind a bad code starts after it.
+//
+// Fills the entries of table row `row` for every byte whose bits from the
+// top up to bit `bit` are those of `high`, the code word being followed
+// having reached `node`: a completed word gives its action and the position
 // behind it; a bit that leaves every word gives `refused` and the position
 // behind that bit; a byte that ends inside a word gives action 0 and the
-// begun word's state.
-constexpr uint16_t Follow(const Tree &t, uint32_t start, uint32_t from, uint32_t byte, uint32_t refused) {
-    uint32_t node = start;
-    for (uint32_t i = from; i < 8; ++i) {
-        int b = (byte >> (7 - i)) & 1;
-        int next = t.child[node][b];
-        uint32_t after = (i + 1) & 7;
-        if (next == 0) return uint16_t((refused << 8) | after);
-        node = uint32_t(next);
-        if (t.action[node] != 0) return uint16_t((t.action[node] << 8) | after);
+// begun word's state.  One completed word or refusal fills the whole range
+// of bytes that share the bits read so far.
+template <size_t Size>
+constexpr void Follow(std::array<uint16_t, Size> &table, const Tree &t, uint32_t row, uint32_t node, uint32_t bit,
+                      uint32_t high, uint32_t refused) {
+    const uint16_t key = FaxTableKey(row);
+    if (bit == 8) {
+        table[row * 256 + high] = uint16_t(t.state[node]) ^ key;
+        return;
     }
-    return uint16_t(t.state[node]);
+    for (uint32_t b = 0; b < 2; ++b) {
+        uint32_t bits = high | (b << (7 - bit));
+        int next = t.child[node][b];
+        uint32_t action = next == 0 ? refused : t.action[next];
+        if (action == 0) {
+            Follow(table, t, row, uint32_t(next), bit + 1, bits, refused);
+            continue;
+        }
+        uint16_t entry = uint16_t((action << 8) | ((bit + 1) & 7)) ^ key;
+        for (uint32_t c = bits; c < bits + (1u << (7 - bit)); ++c) table[row * 256 + c] = entry;
+    }
 }
 
 // Fills rows [offset + 0, offset + 8) with the positions and the rows of
@@ -182,13 +200,10 @@ constexpr uint16_t Follow(const Tree &t, uint32_t start, uint32_t from, uint32_t
 template <size_t Size>
 constexpr void FillRows(std::array<uint16_t, Size> &table, const Tree &t, uint32_t offset, uint32_t refused) {
     for (uint32_t pos = 0; pos < 8; ++pos)
-        for (uint32_t c = 0; c < 256; ++c)
-            table[(pos + offset) * 256 + c] = Follow(t, 0, pos, c, refused) ^ FaxTableKey(pos + offset);
-    for (uint32_t n = 1; n < t.nodes; ++n) {
-        if (t.action[n] != 0) continue;
-        uint32_t row = t.state[n] + offset;
-        for (uint32_t c = 0; c < 256; ++c) table[row * 256 + c] = Follow(t, n, 0, c, refused) ^ FaxTableKey(row);
-    }
+        for (uint32_t top = 0; top < (1u << pos); ++top)  // the bits before the position: any
+            Follow(table, t, pos + offset, 0, pos, top << (8 - pos), refused);
+    for (uint32_t n = 1; n < t.nodes; ++n)
+        if (t.action[n] == 0) Follow(table, t, t.state[n] + offset, n, 0, 0, refused);
 }
 
 // White begun words are rows 16..122, black ones rows 123..229; a black

@@ -1,0 +1,436 @@
+// The file selection dialog: its string routines, the filter it chooses,
+// the profile it remembers a path in, its flags, and the missing file of the
+// image entry, all through a scripted host dialog.
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "core/image.h"
+#include "platform/win32.h"
+#include "services/dialog.h"
+#include "services/errors.h"
+#include "support/support.h"
+
+namespace {
+
+constexpr char ImageFilters[] =
+    "BMP Files (*.BMP)\0*.BMP\0DIB Files (*.DIB)\0*.DIB\0TIF Files (*.TIF)\0*.TIF\0"
+    "PCX Files (*.PCX)\0*.PCX\0RAS Files (*.RAS)\0*.RAS\0";
+
+// What the scripted dialog was asked, and what it answers.
+struct Script {
+    int calls = 0;
+    int32_t save = -1;
+    uint32_t flags = 0, filterIndex = 0;
+    std::string title, label, initialDir, file;
+    int32_t answer = 0;      // 1 confirm, 0 cancel
+    std::string chosen;      // written to the file buffer on a confirm
+} script;
+
+int32_t Scripted(TL_FILE_REQUEST *request) {
+    ++script.calls;
+    script.save = request->save;
+    script.flags = request->flags;
+    script.filterIndex = request->filterIndex;
+    script.title = request->title;
+    script.label = request->filterLabel ? request->filterLabel : "";
+    script.initialDir = request->initialDir;
+    script.file = request->file;
+    if (script.answer) snprintf(request->file, request->fileBytes, "%s", script.chosen.c_str());
+    return script.answer;
+}
+
+std::string ReadText(const std::string &path) {
+    auto bytes = test::ReadFileBytes(path);
+    return std::string(bytes.begin(), bytes.end());
+}
+
+ino_t Inode(const std::string &path) {
+    struct stat info {};
+    return stat(path.c_str(), &info) == 0 ? info.st_ino : 0;
+}
+
+// Every test gets a fresh configuration directory and the scripted dialog.
+class Dialog : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        static int count = 0;
+        config = test::TempDir() + "/config" + std::to_string(++count);
+        setenv("XDG_CONFIG_HOME", config.c_str(), 1);
+        profileDir = config + "/tolimage";
+        script = Script{};
+        before = TlSetFileDialog(Scripted);
+        test::QuietDefaults();
+    }
+    void TearDown() override { TlSetFileDialog(before); }
+    TL_FILE_DIALOG before = nullptr;
+
+    // A profile named "scan" remembering `value` under [Paths] Last.
+    std::string Remember(const std::string &value) {
+        mkdir(config.c_str(), 0700);
+        mkdir(profileDir.c_str(), 0700);
+        std::string path = profileDir + "/scan.STS";
+        std::string text = "[Paths]\nLast=" + value + "\n";
+        FILE *out = fopen(path.c_str(), "wb");
+        fwrite(text.data(), 1, text.size(), out);
+        fclose(out);
+        return path;
+    }
+    int32_t Ask(char *buffer, uint32_t flags, const char *profile = "scan", const char *section = "Paths",
+                const char *key = "Last") {
+        return SelectFileDialog(buffer, ImageFilters, flags, "Open Image File", profile, section, key);
+    }
+    std::string config, profileDir;
+};
+
+void Fill(char (&buffer)[DialogPathBytes], const std::string &text) { snprintf(buffer, sizeof buffer, "%s", text.c_str()); }
+
+TEST(DialogStrings, CopyAndTokenRoutines) {
+    struct Case {
+        const char *what, *source;
+        int32_t index;  // -1 CopyBefore, -2 CopyAfter, else GetToken
+        char delimiter;
+        const char *expected;
+    };
+    const Case cases[] = {
+        {"before", "scan.TIF", -1, '.', "scan"},
+        {"before, no delimiter", "scan", -1, '.', "scan"},
+        {"before, first of two", "c:\\a.b\\x.TIF", -1, '.', "c:\\a"},
+        {"after", "scan.TIF", -2, '.', "TIF"},
+        {"after, no delimiter", "scan", -2, '.', ""},
+        {"after, first of two", "c:\\a.b\\x.TIF", -2, '.', "b\\x.TIF"},
+        {"token 0, leading blanks", "  *.BMP;*.TIF", 0, ';', "*.BMP"},
+        {"token 1, blank behind ;", "*.BMP;  *.TIF", 1, ';', "*.TIF"},
+        {"token keeps inner and closing blanks", "a;b c ;d", 1, ';', "b c "},
+        {"token past the end", "a;b", 2, ';', ""},
+        {"empty token", "a;;c", 1, ';', ""},
+        {"token after empty", "a;;c", 2, ';', "c"},
+        {"empty source", "", 0, ';', ""},
+    };
+    for (const Case &c : cases) {
+        char target[DialogPathBytes];
+        memset(target, 'x', sizeof target);
+        if (c.index == -1)
+            CopyBefore(target, c.source, c.delimiter);
+        else if (c.index == -2)
+            CopyAfter(target, c.source, c.delimiter);
+        else
+            GetToken(target, c.source, c.index, c.delimiter);
+        EXPECT_STREQ(target, c.expected) << c.what;
+    }
+}
+
+TEST(DialogStrings, LongSourcesAreCutAt259) {
+    // 260-byte targets with guard bytes behind them.
+    const std::string longName(700, 'n');
+    const std::string sources[] = {longName, longName + ".TIF", "x." + longName, "a;" + longName + ";b"};
+    for (const std::string &source : sources) {
+        for (int routine = 0; routine < 3; ++routine) {
+            struct {
+                char target[DialogPathBytes];
+                char guard[16];
+            } area;
+            memset(&area, 'g', sizeof area);
+            if (routine == 0) CopyBefore(area.target, source.c_str(), '.');
+            if (routine == 1) CopyAfter(area.target, source.c_str(), '.');
+            if (routine == 2) GetToken(area.target, source.c_str(), 1, ';');
+            EXPECT_LE(strlen(area.target), DialogPathBytes - 1);
+            EXPECT_EQ(std::string(area.guard, sizeof area.guard), std::string(16, 'g'));
+        }
+    }
+}
+
+TEST(DialogMatch, Patterns) {
+    const std::string longToken(600, 'a');
+    struct Case {
+        std::string patterns;
+        const char *name, *extension;
+        int32_t expected;
+    } cases[] = {
+        {"*.TIF", "scan", "TIF", 1},
+        {"*.TIF", "scan", ".TIF", 1},  // _splitpath's form
+        {"*.TIF", "scan", "tif", 0},   // case-sensitive
+        {"*.BMP;*.TIF", "scan", "TIF", 1},
+        {"*.BMP; *.TIF", "scan", "TIF", 1},
+        {"*.BMP;   *.TIF  ", "scan", "TIF", 1},
+        {"*", "scan", "", 1},  // no dot: empty extension part
+        {"*", "scan", "TIF", 0},
+        {"*.*", "anything", "at all", 1},
+        {"sc?n.T?F", "scan", "TIF", 1},
+        {"scan?.TIF", "scan", "TIF", 1},  // ? passes the end of the text
+        {"sca.TIF", "scan", "TIF", 0},
+        {"scan.TI", "scan", "TIF", 0},
+        {"scan.TIFF", "scan", "TIF", 0},
+        {"s*.TIF", "scan", "TIF", 1},
+        {"", "scan", "TIF", 0},
+        {";*.TIF", "scan", "TIF", 0},  // an empty first token ends the search
+        {longToken + ";*.TIF", "scan", "TIF", 1},
+        {longToken + "." + longToken, longToken.c_str(), longToken.c_str(), 0},
+    };
+    for (const Case &c : cases)
+        EXPECT_EQ(MatchFileFilter(c.patterns.c_str(), c.name, c.extension), c.expected)
+            << c.patterns.substr(0, 20) << " / " << c.name << " / " << c.extension;
+}
+
+TEST_F(Dialog, FilterChosenFromTheProposedName) {
+    const char badList[] = "A\0*.X\0B\0\0C\0*.TIF\0";  // an empty pattern string ends the walk
+    struct Case {
+        const char *proposed;
+        const char *filters;
+        uint32_t expected;
+    } cases[] = {
+        {"scan.TIF", ImageFilters, 3},
+        {"scan.tif", ImageFilters, 1},
+        {"scan", ImageFilters, 1},
+        {"c:\\a.b\\x.TIF", ImageFilters, 1},  // cut at the first dot: b\x.TIF
+        {"page.PCX", ImageFilters, 4},
+        {"page.RAS", ImageFilters, 5},
+        {"scan.TIF", nullptr, 1},
+        {"scan.TIF", "\0", 1},
+        {"scan.TIF", badList, 1},
+    };
+    for (const Case &c : cases) {
+        script = Script{};
+        char buffer[DialogPathBytes];
+        Fill(buffer, c.proposed);
+        EXPECT_EQ(SelectFileDialog(buffer, c.filters, 0x6000, "Open Image File", nullptr, nullptr, nullptr), 0);
+        EXPECT_EQ(script.calls, 1) << c.proposed;
+        EXPECT_EQ(script.filterIndex, c.expected) << c.proposed;
+        EXPECT_STREQ(buffer, c.proposed);  // a cancel leaves the name
+        EXPECT_EQ(script.file, "");        // no remembered path: no file title
+        EXPECT_EQ(script.initialDir, "");
+        EXPECT_EQ(script.title, "Open Image File");
+    }
+}
+
+TEST_F(Dialog, ProfilePath) {
+    char path[DialogPathBytes];
+    const std::string platformDir = profileDir + "\\";
+    ASSERT_EQ(DialogProfilePath(path, "scan"), 1);
+    EXPECT_EQ(std::string(path), platformDir + "scan.STS");
+    ASSERT_EQ(DialogProfilePath(path, "c:\\x\\scan"), 1);
+    EXPECT_STREQ(path, "c:\\x\\scan.STS");
+    ASSERT_EQ(DialogProfilePath(path, "scan.ini"), 1);
+    EXPECT_EQ(std::string(path), platformDir + "scan.ini");
+    ASSERT_EQ(DialogProfilePath(path, "d:scan"), 1);
+    EXPECT_STREQ(path, "d:scan.STS");
+    EXPECT_EQ(DialogProfilePath(path, std::string(300, 'p').c_str()), 0);  // would not fit: profile off
+    EXPECT_EQ(DialogProfilePath(path, ""), 0);
+
+    // Stored where those paths say: the platform directory (made on first
+    // write) and a directory named with backslashes.
+    const std::string chosen = test::WriteTemp("chosen.TIF", {1});
+    std::string elsewhere = test::TempDir() + "/prof";
+    for (char &c : elsewhere)
+        if (c == '/') c = '\\';
+    const struct {
+        const char *profile;
+        std::string file;
+    } stores[] = {{"scan", profileDir + "/scan.STS"},
+                  {"scan.ini", profileDir + "/scan.ini"},
+                  {elsewhere.c_str(), test::TempDir() + "/prof.STS"}};
+    for (const auto &store : stores) {
+        script = Script{};
+        script.answer = 1;
+        script.chosen = chosen;
+        char buffer[DialogPathBytes] = "scan.TIF";
+        EXPECT_EQ(Ask(buffer, 0, store.profile), 1);
+        EXPECT_EQ(std::string(buffer), chosen);
+        EXPECT_EQ(ReadText(store.file), "[Paths]\nLast=" + chosen + "\n") << store.profile;
+    }
+    unlink((test::TempDir() + "/prof.STS").c_str());
+}
+
+TEST_F(Dialog, Flags) {
+    const std::string remembered = test::WriteTemp("page.TIF", {1, 2});
+    const std::string other = test::WriteTemp("other.BMP", {1});
+    struct Case {
+        uint32_t flags;
+        int calls;          // 0: the remembered file was taken without a dialog
+        int32_t save;
+        uint32_t dialogFlags;
+    } cases[] = {
+        {0, 0, 0, 0},
+        {0x4000, 0, 0, 0},
+        {0x6000, 1, 0, 6156},
+        {0x2000, 1, 0, 6156},
+        {0x1000, 1, 1, 6158},
+        {0x5000, 1, 0, 6158},
+    };
+    for (const Case &c : cases) {
+        const std::string profile = Remember(remembered);
+        script = Script{};
+        script.answer = 1;
+        script.chosen = other;
+        char buffer[DialogPathBytes] = "proposed.PCX";
+        EXPECT_EQ(Ask(buffer, c.flags), 1) << c.flags;
+        EXPECT_EQ(script.calls, c.calls) << c.flags;
+        const std::string expected = c.calls ? other : remembered;
+        EXPECT_EQ(std::string(buffer), expected) << c.flags;
+        EXPECT_EQ(ReadText(profile), "[Paths]\nLast=" + expected + "\n") << c.flags;
+        if (!c.calls) continue;
+        EXPECT_EQ(script.save, c.save) << c.flags;
+        EXPECT_EQ(script.flags, c.dialogFlags) << c.flags;
+        // It opens in the remembered directory with the remembered name, and
+        // the filter follows that name, not the proposed one.
+        EXPECT_EQ(script.initialDir, test::TempDir() + "/");
+        EXPECT_EQ(script.file, "page.TIF");
+        EXPECT_EQ(script.filterIndex, 3u);
+    }
+}
+
+TEST_F(Dialog, RememberedFile) {
+    const std::string remembered = test::WriteTemp("kept.TIF", {1});
+    // Taken without a dialog, and stored again (the profile is written anew).
+    std::string profile = Remember("\" " + remembered + "  \"");  // blanks around it go
+    const ino_t before = Inode(profile);
+    char buffer[DialogPathBytes] = "";
+    EXPECT_EQ(Ask(buffer, 0), 1);
+    EXPECT_EQ(script.calls, 0);
+    EXPECT_EQ(std::string(buffer), remembered);
+    EXPECT_EQ(ReadText(profile), "[Paths]\nLast=" + remembered + "\n");
+    EXPECT_NE(Inode(profile), before);
+
+    // A remembered file that is gone leads to the dialog in its directory.
+    script = Script{};
+    script.answer = 1;
+    script.chosen = remembered;
+    Remember(test::TempDir() + "/gone.RAS");
+    Fill(buffer, "x");
+    EXPECT_EQ(Ask(buffer, 0), 1);
+    EXPECT_EQ(script.calls, 1);
+    EXPECT_EQ(script.file, "gone.RAS");
+    EXPECT_EQ(script.filterIndex, 5u);
+    EXPECT_EQ(ReadText(profile), "[Paths]\nLast=" + remembered + "\n");
+
+    // Only a remembered path spares the dialog: an existing file named in
+    // the buffer, with no profile, still leads to it.
+    script = Script{};
+    Fill(buffer, remembered);
+    EXPECT_EQ(SelectFileDialog(buffer, ImageFilters, 0, "t", nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(script.calls, 1);
+
+    // An empty section or a NULL key turns the profile off.
+    for (int off = 0; off < 2; ++off) {
+        script = Script{};
+        script.answer = 1;
+        script.chosen = "/elsewhere.TIF";
+        Remember(remembered);
+        Fill(buffer, "x");
+        EXPECT_EQ(off ? Ask(buffer, 0, "scan", "Paths", nullptr) : Ask(buffer, 0, "scan", ""), 1);
+        EXPECT_EQ(script.calls, 1);
+        EXPECT_EQ(script.file, "");
+        EXPECT_STREQ(buffer, "/elsewhere.TIF");
+        EXPECT_EQ(ReadText(profile), "[Paths]\nLast=" + remembered + "\n");
+    }
+}
+
+TEST_F(Dialog, CancelWritesNothing) {
+    for (int pending = 0; pending < 2; ++pending) {
+        const std::string profile = Remember(test::TempDir() + "/gone.TIF");
+        const ino_t before = Inode(profile);
+        test::Recorder recorder;
+        if (pending) ReportError("earlier", "failure", 0);
+        script = Script{};
+        char buffer[DialogPathBytes] = "scan.TIF";
+        EXPECT_EQ(Ask(buffer, 0x6000), 0);
+        EXPECT_EQ(script.calls, 1);
+        EXPECT_EQ(ErrorStatus(), pending);
+        EXPECT_EQ(std::string(buffer), test::TempDir() + "/gone.TIF");  // the remembered path, as shown
+        EXPECT_EQ(ReadText(profile), "[Paths]\nLast=" + test::TempDir() + "/gone.TIF\n");
+        EXPECT_EQ(Inode(profile), before);
+        EXPECT_EQ(recorder.reports.size(), size_t(pending));
+    }
+    // No profile yet: a cancel does not create one.
+    const std::string fresh = config + "-fresh";
+    setenv("XDG_CONFIG_HOME", fresh.c_str(), 1);
+    script = Script{};
+    char buffer[DialogPathBytes] = "scan.TIF";
+    EXPECT_EQ(SelectFileDialog(buffer, ImageFilters, 0, "t", "fresh", "Paths", "Last"), 0);
+    EXPECT_NE(access(fresh.c_str(), F_OK), 0);
+    // A NULL buffer gives 0 without a dialog.
+    script = Script{};
+    EXPECT_EQ(SelectFileDialog(nullptr, ImageFilters, 0x6000, "t", nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(script.calls, 0);
+}
+
+TEST_F(Dialog, LongRememberedPathAndNames) {
+    // A profile value longer than a path, and a proposed name that fills the
+    // whole buffer without a NUL in it: all cut, nothing overrun.
+    const std::string longPath = "/" + std::string(400, 'd') + "/" + std::string(300, 'n') + "." + std::string(300, 'e');
+    Remember(longPath);
+    script = Script{};
+    char buffer[DialogPathBytes];
+    memset(buffer, 'q', sizeof buffer);
+    EXPECT_EQ(Ask(buffer, 0x6000), 0);
+    EXPECT_EQ(script.calls, 1);
+    EXPECT_LE(strlen(buffer), DialogPathBytes - 1);
+    EXPECT_LE(script.file.size(), DialogPathBytes - 1);
+
+    script = Script{};
+    memset(buffer, 'q', sizeof buffer);
+    EXPECT_EQ(SelectFileDialog(buffer, ImageFilters, 0x6000, "t", nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(script.calls, 1);
+}
+
+TEST_F(Dialog, AbortLatchGivesZero) {
+    // The latch stays for the life of the process: try it in a child.
+    EXPECT_EXIT(
+        {
+            ERROR_FLAGS_E(1, 0, 1, nullptr);
+            PostMessageA(nullptr, WM_KEYDOWN, VK_ESCAPE, 0);  // the user's Escape
+            char buffer[DialogPathBytes] = "scan.TIF";
+            script.answer = 1;
+            script.chosen = "/x.TIF";
+            const int32_t result = Ask(buffer, 0x6000);
+            _exit(result == 0 && script.calls == 0 && strcmp(buffer, "scan.TIF") == 0 ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(Dialog, MissingImageFileAsksForAnother) {
+    const std::string bmp = test::Fixture("bmp/netpbm_1bit.bmp");
+    const std::string missing = test::TempDir() + "/missing.BMP";
+    test::LeakGuard guard;
+    // Confirmed: the chosen file is read and its path stands in the name.
+    script.answer = 1;
+    script.chosen = bmp;
+    char name[DialogPathBytes];
+    Fill(name, missing);
+    TL_HANDLE block = TL_IMAGE_E(name, 0);
+    EXPECT_NE(block, nullptr);
+    test::FreeBlock(block);
+    EXPECT_EQ(std::string(name), bmp);
+    EXPECT_EQ(script.calls, 1);
+    EXPECT_EQ(script.title, "Open Image File");
+    EXPECT_EQ(script.flags, 6156u);
+    EXPECT_EQ(script.save, 0);
+    EXPECT_EQ(script.filterIndex, 1u);
+    EXPECT_EQ(script.label, "BMP Files (*.BMP)");
+    // Cancelled: no image, the error state as it stood.
+    for (int pending = 0; pending < 2; ++pending) {
+        test::Recorder recorder;
+        if (pending) ReportError("earlier", "failure", 0);
+        script = Script{};
+        Fill(name, test::TempDir() + "/missing.TIF");
+        EXPECT_EQ(TL_IMAGE_E(name, 0), nullptr);
+        EXPECT_EQ(script.filterIndex, 3u);
+        EXPECT_EQ(TL_ERRORSTATUS_E(), pending);
+    }
+    // A file that exists spares the dialog; no profile is ever written.
+    script = Script{};
+    Fill(name, bmp);
+    block = TL_IMAGE_E(name, 0);
+    EXPECT_NE(block, nullptr);
+    test::FreeBlock(block);
+    EXPECT_EQ(script.calls, 0);
+    EXPECT_NE(access(config.c_str(), F_OK), 0);
+    EXPECT_TRUE(guard.Same());
+}
+
+}  // namespace
