@@ -203,17 +203,6 @@ TEST(PcxReader, FourPlanesMakeFourBitPixels) {
     Loaded got = LoadGood(Temp(Join(Header(4, 2, 16, 1), Literal(line))));
     ASSERT_FALSE(got.bytes.empty());
     for (int k = 0; k < 8; ++k) EXPECT_EQ(got.Row(0)[k], uint8_t((2 * k) << 4 | (2 * k + 1))) << k;
-
-    // Bits in planes 0 and 3 only: 9.
-    got = LoadGood(Temp(Join(Header(4, 1, 8, 1), {0x80, 0x00, 0x00, 0x80})));
-    ASSERT_FALSE(got.bytes.empty());
-    EXPECT_EQ(got.Row(0)[0], 0x90);
-
-    // NibbleReverse reverses four bits.
-    for (int i = 0; i < 16; ++i) {
-        int reversed = ((i & 1) << 3) | ((i & 2) << 1) | ((i & 4) >> 1) | ((i & 8) >> 3);
-        EXPECT_EQ(NibbleReverse[size_t(i)], reversed);
-    }
 }
 
 TEST(PcxReader, RowsTakeAtMostTheirStride) {
@@ -297,12 +286,10 @@ TEST(PcxReader, EveryFailureReportsAndLeavesNothingBehind) {
     } cases[] = {
         {"header of 100 bytes", std::vector<uint8_t>(header.begin(), header.begin() + 100), {{"@", 1}}},
         {"2 planes", with(Header(1, 2, 16, 1), 65, 2), {{illegal + "@", 0}}},
-        {"3 planes", with(Header(1, 2, 16, 1), 65, 3), {{illegal + "@", 0}}},
         {"8 bits per pixel with a palette", eightBit, {{illegal + "@", 0}}},
         {"encoding 2", with(Header(1, 2, 16, 1), 2, 2), {{illegal + "@", 0}}},
-        {"version 3", with(Join(Header(1, 2, 16, 1), {0, 0}), 1, 3), {}},
-        {"version 0", with(Join(Header(1, 2, 16, 1), {0, 0}), 1, 0), {}},
-        {"version 2", with(Join(Header(1, 2, 16, 1), {0, 0}), 1, 2), {}},
+        {"version 0 is read", with(Join(Header(1, 2, 16, 1), {0, 0}), 1, 0), {}},
+        {"version 3 is read", with(Join(Header(1, 2, 16, 1), {0, 0}), 1, 3), {}},  // 2: the Pillow fixture
         {"width 0", edges(5, 4, 0, 0), {{illegal + "@", 0}}},
         {"width below 0", edges(5, -100, 0, 0), {{illegal + "@", 0}}},
         {"height 0", edges(0, 15, 7, 6), {{illegal + "@", 0}}},
