@@ -16,12 +16,7 @@
 #include "support/support.h"
 #include "tolimage_posix.h"
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define TL_HAS_ASAN 1
-#endif
-#endif
-#if defined(TL_ASAN) || defined(__SANITIZE_ADDRESS__) || defined(TL_HAS_ASAN)
+#if defined(TL_ASAN) || defined(__SANITIZE_ADDRESS__)  // CMake sets TL_ASAN with TL_SANITIZE
 #define TL_TEST_ASAN 1
 #else
 #define TL_TEST_ASAN 0
@@ -195,50 +190,40 @@ TEST(MovableMemoryDeathTest, OverrunsAndUseAfterUnlockFault) {
     const std::string style = GTEST_FLAG_GET(death_test_style);
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     // A size that is a multiple of 16 ends at the guard page: one byte more faults in every build.
-    for (uintptr_t size : {16u, 4096u, 8192u + 48u}) {
-        EXPECT_DEATH(
-            {
-                TL_HANDLE block = GlobalAlloc(GHND, size);
-                WriteAt(GlobalLock(block), size);
-            },
-            "")
-            << size;
-    }
+    for (uintptr_t size : {16u, 4096u, 8192u + 48u})
+        EXPECT_DEATH(WriteAt(GlobalLock(GlobalAlloc(GHND, size)), size), "") << size;
 #if TL_TEST_ASAN
-    // The slack before the guard page, and a block that is no longer locked.
-    EXPECT_DEATH(
-        {
-            TL_HANDLE block = GlobalAlloc(GHND, 13);
-            WriteAt(GlobalLock(block), 13);
-        },
-        "use-after-poison");
-    EXPECT_DEATH(
-        {
-            TL_HANDLE block = GlobalAlloc(GHND, 100);
-            void *bytes = GlobalLock(block);
-            GlobalUnlock(block);
-            ReadAt(bytes, 0);
-        },
-        "use-after-poison");
-    EXPECT_DEATH(
-        {
-            TL_HANDLE block = GlobalAlloc(GHND, 13);
-            void *bytes = GlobalLock(block);
-            GlobalLock(block);
-            GlobalUnlock(block);
-            ReadAt(bytes, 12);  // still locked once: fine
-            GlobalUnlock(block);
-            ReadAt(bytes, 12);
-        },
-        "use-after-poison");
-    EXPECT_DEATH(
-        {
-            TL_HANDLE block = GlobalAlloc(GHND, 100);
-            void *bytes = GlobalLock(block);
-            GlobalFree(block);
-            ReadAt(bytes, 50);
-        },
-        "");
+    // The slack before the guard page, a block no longer locked (after one
+    // unlock of two it still is), and a freed block.
+    using Body = void (*)();
+    const struct {
+        Body body;
+        const char *regex;
+    } cases[] = {
+        {[] { WriteAt(GlobalLock(GlobalAlloc(GHND, 13)), 13); }, "use-after-poison"},
+        {[] {
+             TL_HANDLE block = GlobalAlloc(GHND, 100);
+             void *bytes = GlobalLock(block);
+             GlobalUnlock(block);
+             ReadAt(bytes, 0);
+         }, "use-after-poison"},
+        {[] {
+             TL_HANDLE block = GlobalAlloc(GHND, 13);
+             void *bytes = GlobalLock(block);
+             GlobalLock(block);
+             GlobalUnlock(block);
+             ReadAt(bytes, 12);
+             GlobalUnlock(block);
+             ReadAt(bytes, 12);
+         }, "use-after-poison"},
+        {[] {
+             TL_HANDLE block = GlobalAlloc(GHND, 100);
+             void *bytes = GlobalLock(block);
+             GlobalFree(block);
+             ReadAt(bytes, 50);
+         }, ""},
+    };
+    for (const auto &c : cases) EXPECT_DEATH(c.body(), c.regex);
 #endif
     GTEST_FLAG_SET(death_test_style, style);
 }
