@@ -55,10 +55,7 @@ int32_t Scripted(TL_FILE_REQUEST *request) {
 // The text of a profile remembering `value` under [Paths] Last.
 std::string Stored(const std::string &value) { return "[Paths]\nLast=" + value + "\n"; }
 
-std::string ReadText(const std::string &path) {
-    auto bytes = test::ReadFileBytes(path);
-    return std::string(bytes.begin(), bytes.end());
-}
+using test::ReadText;
 
 ino_t Inode(const std::string &path) {
     struct stat info {};
@@ -84,12 +81,8 @@ class Dialog : public ::testing::Test {
     std::string Remember(const std::string &value) {
         mkdir(config.c_str(), 0700);
         mkdir(profileDir.c_str(), 0700);
-        std::string path = profileDir + "/scan.STS";
-        std::string text = Stored(value);
-        FILE *out = fopen(path.c_str(), "wb");
-        fwrite(text.data(), 1, text.size(), out);
-        fclose(out);
-        return path;
+        test::WriteText(profileDir + "/scan.STS", Stored(value));
+        return profileDir + "/scan.STS";
     }
     int32_t Ask(char *buffer, uint32_t flags, const char *profile = "scan", const char *section = "Paths",
                 const char *key = "Last") {
