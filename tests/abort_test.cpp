@@ -188,11 +188,7 @@ TEST(AbortDeathTest, EscapeAmongTheFirstTenLatches) {
 }
 
 TEST(AbortDeathTest, EachAbortKeyAndMessage) {
-    struct Case {
-        UINT message;
-        WPARAM wParam;
-        bool postsQuit;
-    };
+    struct Case { UINT message; WPARAM wParam; bool postsQuit; };
     const Case cases[] = {
         {WM_KEYDOWN, VK_ESCAPE, true},
         {WM_KEYDOWN, VK_CANCEL, true},

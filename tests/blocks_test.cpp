@@ -68,10 +68,7 @@ TEST(Blocks, EmptyAndNullDescriptors) {
 TEST(Blocks, SizesThatCannotBeHad) {
     test::LeakGuard guard;
     int scratch = 0;
-    struct Case {
-        uint32_t count, size;
-        const char *why;
-    } cases[] = {
+    struct Case { uint32_t count, size; const char *why; } cases[] = {
         {0, 16, "count 0"},
         {16, 0, "element size 0"},
         {0x10000, 0x10000, "product past 32 bits"},

@@ -132,10 +132,7 @@ TEST(Profile, PlatformDirectory) {
 
 TEST(Profile, SplitPath) {
     const std::string longName(300, 'n');
-    struct Case {
-        std::string path;
-        std::string directory, name, extension;
-    } cases[] = {
+    struct Case { std::string path; std::string directory, name, extension; } cases[] = {
         {"/a/b/scan.TIF", "/a/b/", "scan", ".TIF"},
         {"scan", "", "scan", ""},
         {"/a.b/x", "/a.b/", "x", ""},

@@ -96,12 +96,9 @@ void Fill(char (&buffer)[DialogPathBytes], const std::string &text) { snprintf(b
 // CopyBefore and CopyAfter show in the filter and profile tests below;
 // GetToken's blanks are trimmed again by the matcher, so they are checked here.
 TEST(DialogStrings, TokensAndLongSources) {
-    const struct {
-        const char *source;
-        int32_t index;
-        const char *expected;
-    } tokens[] = {{"  *.BMP;*.TIF", 0, "*.BMP"}, {"*.BMP;  *.TIF", 1, "*.TIF"}, {"a;b c ;d", 1, "b c "},
-                  {"a;;c", 1, ""},              {"a;;c", 2, "c"},              {"a;b", 2, ""}};
+    const struct { const char *source; int32_t index; const char *expected; } tokens[] = {
+        {"  *.BMP;*.TIF", 0, "*.BMP"}, {"*.BMP;  *.TIF", 1, "*.TIF"}, {"a;b c ;d", 1, "b c "},
+        {"a;;c", 1, ""}, {"a;;c", 2, "c"}, {"a;b", 2, ""}};
     for (const auto &t : tokens) {
         char target[DialogPathBytes];
         GetToken(target, t.source, t.index, ';');
@@ -112,10 +109,7 @@ TEST(DialogStrings, TokensAndLongSources) {
     const std::string sources[] = {longName, longName + ".TIF", "x." + longName, "a;" + longName + ";b"};
     for (const std::string &source : sources)
         for (int routine = 0; routine < 3; ++routine) {
-            struct {
-                char target[DialogPathBytes];
-                char guard[16];
-            } area;
+            struct { char target[DialogPathBytes]; char guard[16]; } area;
             memset(&area, 'g', sizeof area);
             if (routine == 0) CopyBefore(area.target, source.c_str(), '.');
             if (routine == 1) CopyAfter(area.target, source.c_str(), '.');
@@ -127,11 +121,7 @@ TEST(DialogStrings, TokensAndLongSources) {
 
 TEST(DialogMatch, Patterns) {
     const std::string longToken(600, 'a');
-    struct Case {
-        std::string patterns;
-        const char *name, *extension;
-        int32_t expected;
-    } cases[] = {
+    struct Case { std::string patterns; const char *name, *extension; int32_t expected; } cases[] = {
         {"*.TIF", "scan", "TIF", 1},
         {"*.TIF", "scan", ".TIF", 1},  // _splitpath's form
         {"*.TIF", "scan", "tif", 0},   // case-sensitive
@@ -159,11 +149,7 @@ TEST(DialogMatch, Patterns) {
 
 TEST_F(Dialog, FilterChosenFromTheProposedName) {
     const char badList[] = "A\0*.X\0B\0\0C\0*.TIF\0";  // an empty pattern string ends the walk
-    struct Case {
-        const char *proposed;
-        const char *filters;
-        uint32_t expected;
-    } cases[] = {
+    struct Case { const char *proposed; const char *filters; uint32_t expected; } cases[] = {
         {"scan.TIF", ImageFilters, 3},
         {"scan.tif", ImageFilters, 1},
         {"scan", ImageFilters, 1},
@@ -208,10 +194,7 @@ TEST_F(Dialog, ProfilePath) {
     std::string elsewhere = test::TempDir() + "/prof";
     for (char &c : elsewhere)
         if (c == '/') c = '\\';
-    const struct {
-        const char *profile;
-        std::string file;
-    } stores[] = {{"scan", profileDir + "/scan.STS"},
+    const struct { const char *profile; std::string file; } stores[] = {{"scan", profileDir + "/scan.STS"},
                   {"scan.ini", profileDir + "/scan.ini"},
                   {elsewhere.c_str(), test::TempDir() + "/prof.STS"}};
     for (const auto &store : stores) {

@@ -182,10 +182,7 @@ TEST(Handover, BothPaletteOrdersGiveSetBitsForDarkPixels) {
 
 TEST(Handover, PolarityFollowsTheFirstTwoEntriesOnly) {
     test::QuietDefaults();
-    const struct {
-        Bgr first, second;
-        bool inverted;
-    } cases[] = {
+    const struct { Bgr first, second; bool inverted; } cases[] = {
         {{10, 20, 30}, {30, 20, 10}, false},  // equal sums
         {{0, 0, 1}, {1, 0, 0}, false},        // equal sums, different colours
         {{0, 0, 0}, {0, 0, 1}, true},         // first darker by one
@@ -283,10 +280,7 @@ TEST(Handover, RecordGetsTagAndLockedAddressesAndNothingElse) {
 
 TEST(DarkTable, EveryRowOfTheColourTable) {
     // A 4-bit bitmap whose pixel i has the colour of row i.
-    const struct {
-        uint8_t blue, green, red;
-        bool dark;
-    } rows[] = {
+    const struct { uint8_t blue, green, red; bool dark; } rows[] = {
         {191, 191, 191, 1}, {192, 192, 192, 0}, {0, 0, 255, 1}, {255, 0, 0, 1}, {0, 255, 0, 0},
         {0, 255, 255, 0},   {255, 0, 255, 0},   {255, 255, 0, 0}, {0, 0, 0, 1},
     };
@@ -301,10 +295,8 @@ TEST(DarkTable, EveryRowOfTheColourTable) {
 
 TEST(BitmapIntoRecord, HostBlockKeepsAllButClrUsedAndGivesTheSameRasterTwice) {
     test::QuietDefaults();
-    const struct {
-        uint16_t bits;
-        uint32_t clrUsed, expected;
-    } cases[] = {{1, 0, 2}, {4, 0, 16}, {4, 5, 5}, {8, 0, 256}, {32, 0, 1}};
+    const struct { uint16_t bits; uint32_t clrUsed, expected; } cases[] = {
+        {1, 0, 2}, {4, 0, 16}, {4, 5, 5}, {8, 0, 256}, {32, 0, 1}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.bits);
         Dib dib(11, 4, std::vector<Bgr>(c.bits == 32 ? 0 : c.expected, Black),
@@ -338,11 +330,7 @@ TEST(BitmapIntoRecord, DepthsWithoutPixelsAndPlanes) {
     test::QuietDefaults();
     auto pixel = [](int32_t x, int32_t y) { return uint32_t(x * y % 3 == 1); };
     auto none = [](int32_t, int32_t) { return false; };
-    const struct {
-        uint16_t bits, planes;
-        uint32_t clrUsed;
-        Dark dark;
-    } cases[] = {
+    const struct { uint16_t bits, planes; uint32_t clrUsed; Dark dark; } cases[] = {
         {8, 1, 0, none},  // no pixels written
         {24, 1, 0, none},
         {8, 1, 2, [](int32_t, int32_t) { return true; }},  // ...and then inverted
@@ -480,7 +468,8 @@ TEST(Handover, UnsoundBitmapsStayInsideTheirBlocks) {
             SCOPED_TRACE(testing::Message() << planes << " planes, height " << height);
             Dib dib(12, height, whiteFirst, pixel);
             dib.planes = planes;
-            ExpectHandOver(Path::Bitmap, dib, 7, 12, [&](int32_t x, int32_t y) { return y * planes < 7 && dark(x, y * planes); });
+            ExpectHandOver(Path::Bitmap, dib, 7, 12,
+                           [&](int32_t x, int32_t y) { return y * planes < 7 && dark(x, y * planes); });
         }
     // A 4-bit bitmap with three palette entries: higher pixel values are
     // light, whatever the bytes behind the palette hold.

@@ -86,11 +86,7 @@ std::vector<uint8_t> Literal(const std::vector<uint8_t> &bytes) {
 std::string Temp(const std::vector<uint8_t> &bytes) { return test::WriteTemp("case.pcx", bytes); }
 
 TEST(PcxReader, EncodedFilesGiveTheirSourcesPixelForPixel) {
-    struct Case {
-        const char *file, *source;
-        int planes, hDpi;
-        bool inverted = false;
-    } cases[] = {
+    struct Case { const char *file, *source; int planes, hDpi; bool inverted = false; } cases[] = {
         {"netpbm_1plane.pcx", "text.pbm", 1, 49},           // ppmtopcx writes the size as dpi
         {"netpbm_1plane_origin.pcx", "text.pbm", 1, 49},    // Xmin 5, Ymin 3
         // ImageMagick codes white as 0 and says so in its colour map; the
@@ -230,9 +226,7 @@ TEST(PcxReader, RowsTakeAtMostTheirStride) {
 }
 
 TEST(PcxReader, ResolutionFromHorizontalDpiOnly) {
-    struct Case {
-        int hDpi, vDpi, want;
-    } cases[] = {
+    struct Case { int hDpi, vDpi, want; } cases[] = {
         {300, 300, 11810},  // 39.37 as a float is 39.369998931884766: not 11811
         {200, 100, 7873},   // VDpi plays no part
         {96, 0, 3779},

@@ -196,10 +196,7 @@ TEST(MovableMemoryDeathTest, OverrunsAndUseAfterUnlockFault) {
     // The slack before the guard page, a block no longer locked (after one
     // unlock of two it still is), and a freed block.
     using Body = void (*)();
-    const struct {
-        Body body;
-        const char *regex;
-    } cases[] = {
+    const struct { Body body; const char *regex; } cases[] = {
         {[] { WriteAt(GlobalLock(GlobalAlloc(GHND, 13)), 13); }, "use-after-poison"},
         {[] {
              TL_HANDLE block = GlobalAlloc(GHND, 100);
@@ -310,10 +307,7 @@ TEST(Files, ReadSeekAndSize) {
     EXPECT_EQ(high, 0u);
 
     constexpr DWORD Fail = INVALID_SET_FILE_POINTER;
-    struct Step {
-        LONG offset;
-        DWORD method, expect, positionAfter;
-    } steps[] = {
+    struct Step { LONG offset; DWORD method, expect, positionAfter; } steps[] = {
         {50, FILE_BEGIN, 50, 50},     {10, FILE_CURRENT, 60, 60},   {-5, FILE_END, 95, 95},
         {-101, FILE_END, Fail, 95},   {-1, FILE_BEGIN, Fail, 95},   {-96, FILE_CURRENT, Fail, 95},
         {-95, FILE_CURRENT, 0, 0},    {500, FILE_BEGIN, 500, 500},  // past the end is allowed
@@ -428,9 +422,7 @@ TEST(ErrorText, LastErrorAndSystemText) {
 }
 
 TEST(ErrorText, MessageBoxWritesOneLine) {
-    struct Case {
-        const char *title, *text, *line;
-    } cases[] = {
+    struct Case { const char *title, *text, *line; } cases[] = {
         {"ReadTIF", "Cannot read strip 3", "ReadTIF: Cannot read strip 3\n"},
         {"TOPEN", "a.tif\nNo such file or directory", "TOPEN: a.tif\nNo such file or directory\n"},
         {"T", "", "T: \n"},
@@ -504,9 +496,7 @@ std::string Format(const char *format, Args... args) {
 }
 
 TEST(Text, WsprintfConversions) {
-    struct Case {
-        std::string got, expected;
-    } cases[] = {
+    struct Case { std::string got, expected; } cases[] = {
         {Format("%ld", int32_t(-123456)), "-123456"},
         {Format("%lu", uint32_t(0xFFFFFFFF)), "4294967295"},
         {Format("%d|%i|%u", int32_t(-1), int32_t(7), uint32_t(3000000000u)), "-1|7|3000000000"},
@@ -545,10 +535,7 @@ TEST(Paths, FullpathAndAccess) {
     char cwd[4096];
     ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
     const std::string here = cwd;
-    struct Case {
-        const char *name;
-        std::string expected;
-    } cases[] = {
+    struct Case { const char *name; std::string expected; } cases[] = {
         {"/a/b/c.tif", "/a/b/c.tif"},
         {"/a/./b//c/", "/a/b/c"},
         {"/a/b/../../c", "/c"},

@@ -390,10 +390,7 @@ TEST(RasSequence, NumbersAndNamesAgainstTheStates) {
 
 TEST(RasPixels, EveryVariantDepthDirectionAndRecordKind) {
     test::QuietDefaults();
-    struct Form {
-        bool bimp;
-        int32_t bits;
-    };
+    struct Form { bool bimp; int32_t bits; };
     const Form forms[] = {{false, 1}, {false, 8}, {true, 1}, {true, 4}, {true, 8}};
     // Sizes that start 'bild' rows inside a byte (10 x 4), need stride
     // padding (100 columns: 28 fill bits), and fill whole words (64).
@@ -490,11 +487,7 @@ TEST(RasPixels, FixedRecordsMayHoldSmallerPictures) {
 TEST(RasSamples, TheSamplesShowTheirSourcePictures) {
     test::QuietDefaults();
     test::LeakGuard guard;
-    struct Sample {
-        const char *file;
-        std::vector<const char *> sources;
-        uint16_t bits;
-    };
+    struct Sample { const char *file; std::vector<const char *> sources; uint16_t bits; };
     const Sample samples[] = {{"multi.ras", {"page1.pbm", "page2.pbm", "page3.pbm"}, 1},
                               {"colour16.ras", {"colour16.ppm"}, 4}};
     for (const Sample &sample : samples) {
@@ -521,10 +514,7 @@ TEST(RasSamples, TheSamplesShowTheirSourcePictures) {
 // ---- damaged files ----
 
 TEST(RasDamage, CutFilesGiveZeroWithNoReportEvenToACallback) {
-    struct Kind {
-        const char *what;
-        RasLayout layout;
-    };
+    struct Kind { const char *what; RasLayout layout; };
     RasLayout fixedBimp;
     fixedBimp.bimp = true;
     fixedBimp.variable = false;
@@ -606,12 +596,7 @@ TEST(RasDamage, StoredSizesThatLie) {
     // Stored rows and columns are not tested by the format.  None of these
     // may write outside the block or read outside the pixels, and each gives
     // 0 with no report.
-    struct Lie {
-        const char *what;
-        bool bimp;
-        bool variable;
-        int32_t rows, cols;
-    };
+    struct Lie { const char *what; bool bimp; bool variable; int32_t rows, cols; };
     const Lie lies[] = {
         {"rows 0", false, true, 0, 8},
         {"cols 0", true, true, 8, 0},
@@ -659,11 +644,7 @@ TEST(RasDamage, HeadersThatAreRejectedCloseTheFileSilently) {
     test::LeakGuard guard;
     RasLayout layout;
     std::vector<uint8_t> good = MakeRas(layout, {PatternPicture(4, 4, 1, 1)});
-    struct Patch {
-        const char *what;
-        size_t at;
-        uint8_t value;
-    };
+    struct Patch { const char *what; size_t at; uint8_t value; };
     // Every reason is in RasHeader's table; here the load path of two.
     const Patch patches[] = {{"directions 2, 1", RasOrderAt, 2}, {"bits 4 in bild", RasElementBitsAt, 4}};
     for (const Patch &p : patches) {
