@@ -20,24 +20,10 @@ namespace {
 
 constexpr WPARAM KeyA = 'A';
 
-MSG Message(UINT message, WPARAM wParam, LPARAM lParam = 0) {
-    MSG m{};
-    m.message = message;
-    m.wParam = wParam;
-    m.lParam = lParam;
-    return m;
-}
+MSG Message(UINT message, WPARAM wParam) { return MSG{nullptr, message, wParam, 0, 0, {}}; }
 
 void Post(UINT message, WPARAM wParam, LPARAM lParam = 0) {
     ASSERT_NE(PostMessageA(nullptr, message, wParam, lParam), 0);
-}
-
-// Takes every message of the calling thread out of its queue, in order.
-std::vector<MSG> Drain() {
-    std::vector<MSG> out;
-    MSG m;
-    while (PeekMessageA(&m, nullptr, 0, 0, PM_REMOVE)) out.push_back(m);
-    return out;
 }
 
 struct Seen {
@@ -47,9 +33,11 @@ struct Seen {
     bool operator==(const Seen &) const = default;
 };
 
-std::vector<Seen> DrainSeen() {
+// Takes every message of the calling thread out of its queue, in order.
+std::vector<Seen> Drain() {
     std::vector<Seen> out;
-    for (const MSG &m : Drain()) out.push_back({m.message, m.wParam, m.lParam});
+    MSG m;
+    while (PeekMessageA(&m, nullptr, 0, 0, PM_REMOVE)) out.push_back({m.message, m.wParam, m.lParam});
     return out;
 }
 
@@ -82,7 +70,7 @@ TEST(Abort, MessagesThatAreNoAbort) {
         EXPECT_EQ(AbortPoll(&m), 0);
         Post(c.message, c.wParam);
         EXPECT_EQ(AbortPoll(nullptr), 0);
-        EXPECT_EQ(DrainSeen(), (std::vector<Seen>{c})) << "put back as taken";
+        EXPECT_EQ(Drain(), (std::vector<Seen>{c})) << "put back as taken";
     }
     EXPECT_EQ(AbortFromMessage(nullptr), 0);
     EXPECT_EQ(AbortPoll(nullptr), 0);  // empty queue
@@ -96,7 +84,7 @@ TEST(Abort, LettersComeBackInOrderAndTheEleventhIsNotExamined) {
     // Letters alone: all taken, all back in the same order.
     PostAll(Letters(7));
     EXPECT_EQ(AbortPoll(nullptr), 0);
-    EXPECT_EQ(DrainSeen(), Letters(7));
+    EXPECT_EQ(Drain(), Letters(7));
 
     // Ten letters, then Escape: the poll stops after ten, so Escape is not
     // seen, and the ten go back behind it.
@@ -106,14 +94,14 @@ TEST(Abort, LettersComeBackInOrderAndTheEleventhIsNotExamined) {
     EXPECT_EQ(AbortPoll(nullptr), 0);
     std::vector<Seen> expected{{WM_KEYDOWN, VK_ESCAPE, 99}};
     for (const Seen &s : Letters(10)) expected.push_back(s);
-    EXPECT_EQ(DrainSeen(), expected);
+    EXPECT_EQ(Drain(), expected);
 
     // Messages outside the two ranges stay where they are.
     Post(0x0200, 1);  // mouse move: input, but not taken
     Post(KeyA, 0);    // not a key message at all (0x41)
     Post(WM_KEYDOWN, KeyA);
     EXPECT_EQ(AbortPoll(nullptr), 0);
-    EXPECT_EQ(DrainSeen(), (std::vector<Seen>{{0x0200, 1, 0}, {KeyA, 0, 0}, {WM_KEYDOWN, KeyA, 0}}));
+    EXPECT_EQ(Drain(), (std::vector<Seen>{{0x0200, 1, 0}, {KeyA, 0, 0}, {WM_KEYDOWN, KeyA, 0}}));
 }
 
 // GetInputState counts keyboard and mouse input only.  A quit message alone
@@ -125,7 +113,7 @@ TEST(Abort, QuitMessageAloneIsNotLookedAt) {
     Drain();
     Post(WM_QUIT, 0);
     EXPECT_EQ(AbortPoll(nullptr), 0);
-    EXPECT_EQ(DrainSeen(), (std::vector<Seen>{{WM_QUIT, 0, 0}}));
+    EXPECT_EQ(Drain(), (std::vector<Seen>{{WM_QUIT, 0, 0}}));
 }
 
 TEST(Abort, DisabledNeverTouchesTheQueue) {
@@ -139,7 +127,7 @@ TEST(Abort, DisabledNeverTouchesTheQueue) {
     EXPECT_EQ(AbortPoll(&escape), 0);
     EXPECT_EQ(AbortFromMessage(&escape), 0);
     EXPECT_EQ(AbortFromMessage(&quit), 0);
-    EXPECT_EQ(DrainSeen(), queued);  // same messages, same order, no quit message added
+    EXPECT_EQ(Drain(), queued);  // same messages, same order, no quit message added
 }
 
 // ---- cases that abort: each in a child process ----
@@ -181,14 +169,14 @@ TEST(AbortDeathTest, EscapeAmongTheFirstTenLatches) {
         // then what was taken, in order, Escape included.
         std::vector<Seen> expected = {{WM_KEYDOWN, 'X', 51}, {WM_KEYDOWN, 'Y', 52}, {WM_QUIT, 4, 0}};
         for (int i = 0; i < 4; ++i) expected.push_back(queued[size_t(i)]);
-        check(DrainSeen() == expected, "queue after the poll");
+        check(Drain() == expected, "queue after the poll");
         check(TL_ERRORSTATUS_E() == 0, "an abort is no error");
 
         // Latched: every later poll gives 1 without looking at the queue.
         PostAll(Letters(2));
         check(AbortPoll(nullptr) == 1, "latched poll");
         check(AbortFromMessage(nullptr) == 1, "latched message test");
-        check(DrainSeen() == Letters(2), "latched poll left the queue alone");
+        check(Drain() == Letters(2), "latched poll left the queue alone");
         // A host that turns polling off sees 0, and 1 again when it turns
         // it back on: nothing clears the latch.
         SetAbortEnabled(0);
@@ -200,11 +188,7 @@ TEST(AbortDeathTest, EscapeAmongTheFirstTenLatches) {
 }
 
 TEST(AbortDeathTest, EachAbortKeyAndMessage) {
-    struct Case {
-        UINT message;
-        WPARAM wParam;
-        bool postsQuit;
-    };
+    struct Case { UINT message; WPARAM wParam; bool postsQuit; };
     const Case cases[] = {
         {WM_KEYDOWN, VK_ESCAPE, true},
         {WM_KEYDOWN, VK_CANCEL, true},
@@ -220,7 +204,7 @@ TEST(AbortDeathTest, EachAbortKeyAndMessage) {
             check(AbortFromMessage(&m) == 1, "AbortFromMessage gives 1");
             std::vector<Seen> quit;
             if (c.postsQuit) quit.push_back({WM_QUIT, 4, 0});
-            check(DrainSeen() == quit, "quit message only for a key");
+            check(Drain() == quit, "quit message only for a key");
         });
         InChild([&](ChildChecks &check) {
             MSG m = Message(c.message, c.wParam);
@@ -236,7 +220,7 @@ TEST(AbortDeathTest, EachAbortKeyAndMessage) {
             if (c.postsQuit) expected.push_back({WM_QUIT, 4, 0});
             expected.push_back({WM_KEYDOWN, KeyA, 0});
             expected.push_back({c.message, c.wParam, 5});
-            check(DrainSeen() == expected, "queue after the poll: one quit message at most");
+            check(Drain() == expected, "queue after the poll: one quit message at most");
         });
     }
 }
@@ -251,7 +235,7 @@ TEST(AbortDeathTest, PuttingBackStopsAtAFailedPost) {
         Post(WM_KEYDOWN, VK_ESCAPE);
         check(PostMessageA(nullptr, WM_KEYDOWN, KeyA, 0) == 0, "queue is full");
         check(AbortPoll(nullptr) == 1, "Escape gives 1");
-        std::vector<MSG> left = Drain();
+        std::vector<Seen> left = Drain();
         check(left.size() == QueueLimit, "queue full again");
         check(left.size() >= 2 && left[left.size() - 2].message == WM_QUIT, "quit message");
         check(!left.empty() && left.back().wParam == KeyA, "the letter went back, Escape did not");

@@ -20,17 +20,8 @@
 
 namespace {
 
-std::string ReadText(const std::string &path) {
-    auto bytes = test::ReadFileBytes(path);
-    return std::string(bytes.begin(), bytes.end());
-}
-
-void WriteText(const std::string &path, const std::string &text) {
-    FILE *out = fopen(path.c_str(), "wb");
-    ASSERT_NE(out, nullptr);
-    fwrite(text.data(), 1, text.size(), out);
-    fclose(out);
-}
+using test::ReadText;
+using test::WriteText;
 
 std::string Get(const char *section, const char *key, const std::string &path, DWORD size = 260) {
     char buffer[300];
@@ -141,10 +132,7 @@ TEST(Profile, PlatformDirectory) {
 
 TEST(Profile, SplitPath) {
     const std::string longName(300, 'n');
-    struct Case {
-        std::string path;
-        std::string directory, name, extension;
-    } cases[] = {
+    struct Case { std::string path; std::string directory, name, extension; } cases[] = {
         {"/a/b/scan.TIF", "/a/b/", "scan", ".TIF"},
         {"scan", "", "scan", ""},
         {"/a.b/x", "/a.b/", "x", ""},

@@ -32,6 +32,13 @@ struct Script {
     std::string chosen;      // written to the file buffer on a confirm
 } script;
 
+// Resets the script: the next dialog confirms `chosen`, or cancels if empty.
+void Answer(const std::string &chosen = "") {
+    script = Script{};
+    script.answer = chosen.empty() ? 0 : 1;
+    script.chosen = chosen;
+}
+
 int32_t Scripted(TL_FILE_REQUEST *request) {
     ++script.calls;
     script.save = request->save;
@@ -45,10 +52,10 @@ int32_t Scripted(TL_FILE_REQUEST *request) {
     return script.answer;
 }
 
-std::string ReadText(const std::string &path) {
-    auto bytes = test::ReadFileBytes(path);
-    return std::string(bytes.begin(), bytes.end());
-}
+// The text of a profile remembering `value` under [Paths] Last.
+std::string Stored(const std::string &value) { return "[Paths]\nLast=" + value + "\n"; }
+
+using test::ReadText;
 
 ino_t Inode(const std::string &path) {
     struct stat info {};
@@ -63,7 +70,7 @@ class Dialog : public ::testing::Test {
         config = test::TempDir() + "/config" + std::to_string(++count);
         setenv("XDG_CONFIG_HOME", config.c_str(), 1);
         profileDir = config + "/tolimage";
-        script = Script{};
+        Answer();
         before = TlSetFileDialog(Scripted);
         test::QuietDefaults();
     }
@@ -74,12 +81,8 @@ class Dialog : public ::testing::Test {
     std::string Remember(const std::string &value) {
         mkdir(config.c_str(), 0700);
         mkdir(profileDir.c_str(), 0700);
-        std::string path = profileDir + "/scan.STS";
-        std::string text = "[Paths]\nLast=" + value + "\n";
-        FILE *out = fopen(path.c_str(), "wb");
-        fwrite(text.data(), 1, text.size(), out);
-        fclose(out);
-        return path;
+        test::WriteText(profileDir + "/scan.STS", Stored(value));
+        return profileDir + "/scan.STS";
     }
     int32_t Ask(char *buffer, uint32_t flags, const char *profile = "scan", const char *section = "Paths",
                 const char *key = "Last") {
@@ -90,51 +93,23 @@ class Dialog : public ::testing::Test {
 
 void Fill(char (&buffer)[DialogPathBytes], const std::string &text) { snprintf(buffer, sizeof buffer, "%s", text.c_str()); }
 
-TEST(DialogStrings, CopyAndTokenRoutines) {
-    struct Case {
-        const char *what, *source;
-        int32_t index;  // -1 CopyBefore, -2 CopyAfter, else GetToken
-        char delimiter;
-        const char *expected;
-    };
-    const Case cases[] = {
-        {"before", "scan.TIF", -1, '.', "scan"},
-        {"before, no delimiter", "scan", -1, '.', "scan"},
-        {"before, first of two", "c:\\a.b\\x.TIF", -1, '.', "c:\\a"},
-        {"after", "scan.TIF", -2, '.', "TIF"},
-        {"after, no delimiter", "scan", -2, '.', ""},
-        {"after, first of two", "c:\\a.b\\x.TIF", -2, '.', "b\\x.TIF"},
-        {"token 0, leading blanks", "  *.BMP;*.TIF", 0, ';', "*.BMP"},
-        {"token 1, blank behind ;", "*.BMP;  *.TIF", 1, ';', "*.TIF"},
-        {"token keeps inner and closing blanks", "a;b c ;d", 1, ';', "b c "},
-        {"token past the end", "a;b", 2, ';', ""},
-        {"empty token", "a;;c", 1, ';', ""},
-        {"token after empty", "a;;c", 2, ';', "c"},
-        {"empty source", "", 0, ';', ""},
-    };
-    for (const Case &c : cases) {
+// CopyBefore and CopyAfter show in the filter and profile tests below;
+// GetToken's blanks are trimmed again by the matcher, so they are checked here.
+TEST(DialogStrings, TokensAndLongSources) {
+    const struct { const char *source; int32_t index; const char *expected; } tokens[] = {
+        {"  *.BMP;*.TIF", 0, "*.BMP"}, {"*.BMP;  *.TIF", 1, "*.TIF"}, {"a;b c ;d", 1, "b c "},
+        {"a;;c", 1, ""}, {"a;;c", 2, "c"}, {"a;b", 2, ""}};
+    for (const auto &t : tokens) {
         char target[DialogPathBytes];
-        memset(target, 'x', sizeof target);
-        if (c.index == -1)
-            CopyBefore(target, c.source, c.delimiter);
-        else if (c.index == -2)
-            CopyAfter(target, c.source, c.delimiter);
-        else
-            GetToken(target, c.source, c.index, c.delimiter);
-        EXPECT_STREQ(target, c.expected) << c.what;
+        GetToken(target, t.source, t.index, ';');
+        EXPECT_STREQ(target, t.expected) << t.source << " " << t.index;
     }
-}
-
-TEST(DialogStrings, LongSourcesAreCutAt259) {
-    // 260-byte targets with guard bytes behind them.
+    // Long sources are cut at 259: 260-byte targets with guard bytes behind them.
     const std::string longName(700, 'n');
     const std::string sources[] = {longName, longName + ".TIF", "x." + longName, "a;" + longName + ";b"};
-    for (const std::string &source : sources) {
+    for (const std::string &source : sources)
         for (int routine = 0; routine < 3; ++routine) {
-            struct {
-                char target[DialogPathBytes];
-                char guard[16];
-            } area;
+            struct { char target[DialogPathBytes]; char guard[16]; } area;
             memset(&area, 'g', sizeof area);
             if (routine == 0) CopyBefore(area.target, source.c_str(), '.');
             if (routine == 1) CopyAfter(area.target, source.c_str(), '.');
@@ -142,16 +117,11 @@ TEST(DialogStrings, LongSourcesAreCutAt259) {
             EXPECT_LE(strlen(area.target), DialogPathBytes - 1);
             EXPECT_EQ(std::string(area.guard, sizeof area.guard), std::string(16, 'g'));
         }
-    }
 }
 
 TEST(DialogMatch, Patterns) {
     const std::string longToken(600, 'a');
-    struct Case {
-        std::string patterns;
-        const char *name, *extension;
-        int32_t expected;
-    } cases[] = {
+    struct Case { std::string patterns; const char *name, *extension; int32_t expected; } cases[] = {
         {"*.TIF", "scan", "TIF", 1},
         {"*.TIF", "scan", ".TIF", 1},  // _splitpath's form
         {"*.TIF", "scan", "tif", 0},   // case-sensitive
@@ -179,11 +149,7 @@ TEST(DialogMatch, Patterns) {
 
 TEST_F(Dialog, FilterChosenFromTheProposedName) {
     const char badList[] = "A\0*.X\0B\0\0C\0*.TIF\0";  // an empty pattern string ends the walk
-    struct Case {
-        const char *proposed;
-        const char *filters;
-        uint32_t expected;
-    } cases[] = {
+    struct Case { const char *proposed; const char *filters; uint32_t expected; } cases[] = {
         {"scan.TIF", ImageFilters, 3},
         {"scan.tif", ImageFilters, 1},
         {"scan", ImageFilters, 1},
@@ -195,7 +161,7 @@ TEST_F(Dialog, FilterChosenFromTheProposedName) {
         {"scan.TIF", badList, 1},
     };
     for (const Case &c : cases) {
-        script = Script{};
+        Answer();
         char buffer[DialogPathBytes];
         Fill(buffer, c.proposed);
         EXPECT_EQ(SelectFileDialog(buffer, c.filters, 0x6000, "Open Image File", nullptr, nullptr, nullptr), 0);
@@ -228,20 +194,15 @@ TEST_F(Dialog, ProfilePath) {
     std::string elsewhere = test::TempDir() + "/prof";
     for (char &c : elsewhere)
         if (c == '/') c = '\\';
-    const struct {
-        const char *profile;
-        std::string file;
-    } stores[] = {{"scan", profileDir + "/scan.STS"},
+    const struct { const char *profile; std::string file; } stores[] = {{"scan", profileDir + "/scan.STS"},
                   {"scan.ini", profileDir + "/scan.ini"},
                   {elsewhere.c_str(), test::TempDir() + "/prof.STS"}};
     for (const auto &store : stores) {
-        script = Script{};
-        script.answer = 1;
-        script.chosen = chosen;
+        Answer(chosen);
         char buffer[DialogPathBytes] = "scan.TIF";
         EXPECT_EQ(Ask(buffer, 0, store.profile), 1);
         EXPECT_EQ(std::string(buffer), chosen);
-        EXPECT_EQ(ReadText(store.file), "[Paths]\nLast=" + chosen + "\n") << store.profile;
+        EXPECT_EQ(ReadText(store.file), Stored(chosen)) << store.profile;
     }
     unlink((test::TempDir() + "/prof.STS").c_str());
 }
@@ -264,15 +225,13 @@ TEST_F(Dialog, Flags) {
     };
     for (const Case &c : cases) {
         const std::string profile = Remember(remembered);
-        script = Script{};
-        script.answer = 1;
-        script.chosen = other;
+        Answer(other);
         char buffer[DialogPathBytes] = "proposed.PCX";
         EXPECT_EQ(Ask(buffer, c.flags), 1) << c.flags;
         EXPECT_EQ(script.calls, c.calls) << c.flags;
         const std::string expected = c.calls ? other : remembered;
         EXPECT_EQ(std::string(buffer), expected) << c.flags;
-        EXPECT_EQ(ReadText(profile), "[Paths]\nLast=" + expected + "\n") << c.flags;
+        EXPECT_EQ(ReadText(profile), Stored(expected)) << c.flags;
         if (!c.calls) continue;
         EXPECT_EQ(script.save, c.save) << c.flags;
         EXPECT_EQ(script.flags, c.dialogFlags) << c.flags;
@@ -293,40 +252,36 @@ TEST_F(Dialog, RememberedFile) {
     EXPECT_EQ(Ask(buffer, 0), 1);
     EXPECT_EQ(script.calls, 0);
     EXPECT_EQ(std::string(buffer), remembered);
-    EXPECT_EQ(ReadText(profile), "[Paths]\nLast=" + remembered + "\n");
+    EXPECT_EQ(ReadText(profile), Stored(remembered));
     EXPECT_NE(Inode(profile), before);
 
     // A remembered file that is gone leads to the dialog in its directory.
-    script = Script{};
-    script.answer = 1;
-    script.chosen = remembered;
+    Answer(remembered);
     Remember(test::TempDir() + "/gone.RAS");
     Fill(buffer, "x");
     EXPECT_EQ(Ask(buffer, 0), 1);
     EXPECT_EQ(script.calls, 1);
     EXPECT_EQ(script.file, "gone.RAS");
     EXPECT_EQ(script.filterIndex, 5u);
-    EXPECT_EQ(ReadText(profile), "[Paths]\nLast=" + remembered + "\n");
+    EXPECT_EQ(ReadText(profile), Stored(remembered));
 
     // Only a remembered path spares the dialog: an existing file named in
     // the buffer, with no profile, still leads to it.
-    script = Script{};
+    Answer();
     Fill(buffer, remembered);
     EXPECT_EQ(SelectFileDialog(buffer, ImageFilters, 0, "t", nullptr, nullptr, nullptr), 0);
     EXPECT_EQ(script.calls, 1);
 
     // An empty section or a NULL key turns the profile off.
     for (int off = 0; off < 2; ++off) {
-        script = Script{};
-        script.answer = 1;
-        script.chosen = "/elsewhere.TIF";
+        Answer("/elsewhere.TIF");
         Remember(remembered);
         Fill(buffer, "x");
         EXPECT_EQ(off ? Ask(buffer, 0, "scan", "Paths", nullptr) : Ask(buffer, 0, "scan", ""), 1);
         EXPECT_EQ(script.calls, 1);
         EXPECT_EQ(script.file, "");
         EXPECT_STREQ(buffer, "/elsewhere.TIF");
-        EXPECT_EQ(ReadText(profile), "[Paths]\nLast=" + remembered + "\n");
+        EXPECT_EQ(ReadText(profile), Stored(remembered));
     }
 }
 
@@ -336,25 +291,25 @@ TEST_F(Dialog, CancelWritesNothing) {
         const ino_t before = Inode(profile);
         test::Recorder recorder;
         if (pending) ReportError("earlier", "failure", 0);
-        script = Script{};
+        Answer();
         char buffer[DialogPathBytes] = "scan.TIF";
         EXPECT_EQ(Ask(buffer, 0x6000), 0);
         EXPECT_EQ(script.calls, 1);
         EXPECT_EQ(ErrorStatus(), pending);
         EXPECT_EQ(std::string(buffer), test::TempDir() + "/gone.TIF");  // the remembered path, as shown
-        EXPECT_EQ(ReadText(profile), "[Paths]\nLast=" + test::TempDir() + "/gone.TIF\n");
+        EXPECT_EQ(ReadText(profile), Stored(test::TempDir() + "/gone.TIF"));
         EXPECT_EQ(Inode(profile), before);
         EXPECT_EQ(recorder.reports.size(), size_t(pending));
     }
     // No profile yet: a cancel does not create one.
     const std::string fresh = config + "-fresh";
     setenv("XDG_CONFIG_HOME", fresh.c_str(), 1);
-    script = Script{};
+    Answer();
     char buffer[DialogPathBytes] = "scan.TIF";
     EXPECT_EQ(SelectFileDialog(buffer, ImageFilters, 0, "t", "fresh", "Paths", "Last"), 0);
     EXPECT_NE(access(fresh.c_str(), F_OK), 0);
     // A NULL buffer gives 0 without a dialog.
-    script = Script{};
+    Answer();
     EXPECT_EQ(SelectFileDialog(nullptr, ImageFilters, 0x6000, "t", nullptr, nullptr, nullptr), 0);
     EXPECT_EQ(script.calls, 0);
 }
@@ -364,7 +319,7 @@ TEST_F(Dialog, LongRememberedPathAndNames) {
     // whole buffer without a NUL in it: all cut, nothing overrun.
     const std::string longPath = "/" + std::string(400, 'd') + "/" + std::string(300, 'n') + "." + std::string(300, 'e');
     Remember(longPath);
-    script = Script{};
+    Answer();
     char buffer[DialogPathBytes];
     memset(buffer, 'q', sizeof buffer);
     EXPECT_EQ(Ask(buffer, 0x6000), 0);
@@ -372,7 +327,7 @@ TEST_F(Dialog, LongRememberedPathAndNames) {
     EXPECT_LE(strlen(buffer), DialogPathBytes - 1);
     EXPECT_LE(script.file.size(), DialogPathBytes - 1);
 
-    script = Script{};
+    Answer();
     memset(buffer, 'q', sizeof buffer);
     EXPECT_EQ(SelectFileDialog(buffer, ImageFilters, 0x6000, "t", nullptr, nullptr, nullptr), 0);
     EXPECT_EQ(script.calls, 1);
@@ -385,8 +340,7 @@ TEST_F(Dialog, AbortLatchGivesZero) {
             ERROR_FLAGS_E(1, 0, 1, nullptr);
             PostMessageA(nullptr, WM_KEYDOWN, VK_ESCAPE, 0);  // the user's Escape
             char buffer[DialogPathBytes] = "scan.TIF";
-            script.answer = 1;
-            script.chosen = "/x.TIF";
+            Answer("/x.TIF");
             const int32_t result = Ask(buffer, 0x6000);
             _exit(result == 0 && script.calls == 0 && strcmp(buffer, "scan.TIF") == 0 ? 0 : 1);
         },
@@ -398,8 +352,7 @@ TEST_F(Dialog, MissingImageFileAsksForAnother) {
     const std::string missing = test::TempDir() + "/missing.BMP";
     test::LeakGuard guard;
     // Confirmed: the chosen file is read and its path stands in the name.
-    script.answer = 1;
-    script.chosen = bmp;
+    Answer(bmp);
     char name[DialogPathBytes];
     Fill(name, missing);
     TL_HANDLE block = TL_IMAGE_E(name, 0);
@@ -416,14 +369,14 @@ TEST_F(Dialog, MissingImageFileAsksForAnother) {
     for (int pending = 0; pending < 2; ++pending) {
         test::Recorder recorder;
         if (pending) ReportError("earlier", "failure", 0);
-        script = Script{};
+        Answer();
         Fill(name, test::TempDir() + "/missing.TIF");
         EXPECT_EQ(TL_IMAGE_E(name, 0), nullptr);
         EXPECT_EQ(script.filterIndex, 3u);
         EXPECT_EQ(TL_ERRORSTATUS_E(), pending);
     }
     // A file that exists spares the dialog; no profile is ever written.
-    script = Script{};
+    Answer();
     Fill(name, bmp);
     block = TL_IMAGE_E(name, 0);
     EXPECT_NE(block, nullptr);

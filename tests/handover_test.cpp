@@ -27,7 +27,11 @@ const Bgr Black{0, 0, 0}, White{255, 255, 255};
 // A bitmap block's bytes: header, palette, rows bottom-up (top-down for a
 // negative height), every row padded to 4 bytes.
 struct Dib {
-    int32_t width = 8, height = 1;
+    Dib(int32_t w = 8, int32_t h = 1, std::vector<Bgr> colours = {Black, White}, Pixel p = nullptr)
+        : width(w), height(h), palette(std::move(colours)) {
+        if (p) pixel = std::move(p);
+    }
+    int32_t width, height;
     uint16_t planes = 1, bits = 1;
     uint32_t clrUsed = 2;      // what the header says
     std::vector<Bgr> palette;  // what is stored
@@ -124,73 +128,72 @@ TL_HANDLE HandOver(Path path, Record &record, const Dib &dib) {
     return raster;
 }
 
+using Dark = std::function<bool(int32_t, int32_t)>;
+
 // Expects a raster of rows x columns whose dark bits are `dark`.
-void ExpectRaster(const Record &record, int32_t rows, int32_t columns, const std::function<bool(int32_t, int32_t)> &dark) {
+void ExpectRaster(const Record &record, int32_t rows, int32_t columns, const Dark &dark) {
     ASSERT_EQ(record.Rows(), rows);
     ASSERT_EQ(record.Columns(), columns);
     for (int32_t y = 0; y < rows; ++y)
         for (int32_t x = 0; x < columns; ++x) ASSERT_EQ(record.Dark(x, y), dark(x, y)) << "x " << x << " y " << y;
 }
 
+// Hands `dib` over, expects that raster, and gives the block back.
+void ExpectHandOver(Path path, const Dib &dib, int32_t rows, int32_t columns, const Dark &dark) {
+    Record record;
+    TL_HANDLE block = HandOver(path, record, dib);
+    ASSERT_NE(block, nullptr);
+    ExpectRaster(record, rows, columns, dark);
+    test::FreeBlock(block, true);
+}
+
+// Expects exactly one report with this title and text.
+void ExpectReport(const test::Recorder &recorder, const char *title, const std::string &text) {
+    ASSERT_EQ(recorder.reports.size(), 1u);
+    EXPECT_EQ(recorder.reports[0].title, title);
+    EXPECT_EQ(recorder.reports[0].text, text);
+}
+
 TEST(Handover, BothPaletteOrdersGiveSetBitsForDarkPixels) {
     test::QuietDefaults();
     test::Rgb pattern;
     ASSERT_TRUE(test::ReadPnm(test::Fixture("bmp/handover_pattern.pbm"), pattern));
-    auto dark = [&](int32_t x, int32_t y) { return pattern.Dark(x, y); };
+    // Each export by name and by the host's bitmap (the file behind its 14-byte header).
+    auto check = [&](const std::function<TL_HANDLE(Record &)> &call) {
+        test::LeakGuard guard;
+        Record record;
+        TL_HANDLE block = call(record);
+        ASSERT_NE(block, nullptr);
+        ExpectRaster(record, pattern.height, pattern.width, [&](int32_t x, int32_t y) { return pattern.Dark(x, y); });
+        test::FreeBlock(block, true);
+        EXPECT_TRUE(guard.Same());
+    };
     for (const char *file : {"bmp/handover_black_first.bmp", "bmp/handover_white_first.bmp"}) {
         SCOPED_TRACE(file);
-        for (ImageExport call : ImageExports) {
-            test::LeakGuard guard;
-            Record record;
-            TL_HANDLE block = LoadImage(record, test::Fixture(file), 0, call);
-            ASSERT_NE(block, nullptr);
-            ExpectRaster(record, pattern.height, pattern.width, dark);
-            test::FreeBlock(block, true);
-            EXPECT_TRUE(guard.Same());
-        }
-        // The host's bitmap: the file's bytes behind the 14-byte file header.
+        for (ImageExport e : ImageExports) check([&](Record &r) { return LoadImage(r, test::Fixture(file), 0, e); });
         std::vector<uint8_t> bytes = test::ReadFileBytes(test::Fixture(file));
         bytes.erase(bytes.begin(), bytes.begin() + 14);
-        for (BitmapExport call : BitmapExports) {
-            test::LeakGuard guard;
-            Record record;
-            TL_HANDLE host = HostBlock(bytes);
-            TL_HANDLE block = call(record.data(), host);
-            ASSERT_NE(block, nullptr);
-            ExpectRaster(record, pattern.height, pattern.width, dark);
-            test::FreeBlock(block, true);
-            GlobalFree(host);
-            EXPECT_TRUE(guard.Same());
-        }
+        TL_HANDLE host = HostBlock(bytes);
+        for (BitmapExport e : BitmapExports) check([&](Record &r) { return e(r.data(), host); });
+        GlobalFree(host);
     }
     EXPECT_EQ(TL_ERRORSTATUS_E(), 0);
 }
 
 TEST(Handover, PolarityFollowsTheFirstTwoEntriesOnly) {
     test::QuietDefaults();
-    struct Case {
-        Bgr first, second;
-        bool inverted;
-    };
-    const Case cases[] = {
+    const struct { Bgr first, second; bool inverted; } cases[] = {
         {{10, 20, 30}, {30, 20, 10}, false},  // equal sums
         {{0, 0, 1}, {1, 0, 0}, false},        // equal sums, different colours
         {{0, 0, 0}, {0, 0, 1}, true},         // first darker by one
         {{0, 0, 1}, {0, 0, 0}, false},
     };
-    for (const Case &c : cases)
+    auto set = [](int32_t x, int32_t y) { return (x + y) % 3 == 0; };
+    for (const auto &c : cases)
         for (Path path : {Path::Image, Path::Bitmap}) {
             SCOPED_TRACE(int(path));
-            Dib dib;
-            dib.width = 13;
-            dib.height = 3;
-            dib.palette = {c.first, c.second};
-            dib.pixel = [](int32_t x, int32_t y) { return uint32_t((x + y) % 3 == 0); };
-            Record record;
-            TL_HANDLE block = HandOver(path, record, dib);
-            ASSERT_NE(block, nullptr);
-            ExpectRaster(record, 3, 13, [&](int32_t x, int32_t y) { return ((x + y) % 3 == 0) != c.inverted; });
-            test::FreeBlock(block, true);
+            Dib dib(13, 3, {c.first, c.second}, [&](int32_t x, int32_t y) { return uint32_t(set(x, y)); });
+            ExpectHandOver(path, dib, 3, 13, [&](int32_t x, int32_t y) { return set(x, y) != c.inverted; });
         }
 }
 
@@ -202,32 +205,23 @@ TEST(Handover, WidthsAndHeightsGivePackedRowsFromTheTop) {
             for (Path path : {Path::Image, Path::Bitmap}) {
                 SCOPED_TRACE(testing::Message() << width << " x " << height << " path " << int(path));
                 test::LeakGuard guard;
-                Dib dib;
-                dib.width = width;
-                dib.height = height;
-                dib.palette = {White, Black};
-                dib.pixel = pixel;
                 Record record;
-                TL_HANDLE block = HandOver(path, record, dib);
+                TL_HANDLE block = HandOver(path, record, Dib(width, height, {White, Black}, pixel));
                 ASSERT_NE(block, nullptr);
                 ExpectRaster(record, height, width, pixel);
                 // Packed rows follow each other with no padding, inside the block.
-                const uint32_t packed = uint32_t(width + 7) / 8;
-                EXPECT_GE(GlobalSize(block), 4 + packed * uint32_t(height));
-                if (path == Path::Bitmap) {
-                    EXPECT_EQ(GlobalSize(block), 4 + packed * uint32_t(height));
-                }
+                const uint32_t packed = uint32_t(width + 7) / 8 * uint32_t(height);
+                EXPECT_TRUE(path == Path::Bitmap ? GlobalSize(block) == 4 + packed : GlobalSize(block) >= 4 + packed);
                 test::FreeBlock(block, true);
                 EXPECT_TRUE(guard.Same());
             }
 }
 
 TEST(Handover, SidesAbove32767AreRefusedWithTheHistoricNumber) {
-    struct Case {
+    const struct {
         int32_t width, height;
         const char *text;  // nullptr: passes
-    };
-    const Case cases[] = {
+    } cases[] = {
         {32767, 1, nullptr},
         {1, 32767, nullptr},
         {32768, 1, "Bitmap width=32768 bigger than 65535"},
@@ -236,13 +230,10 @@ TEST(Handover, SidesAbove32767AreRefusedWithTheHistoricNumber) {
         {-8, 1, "Bitmap width=-8 bigger than 65535"},
         {1, -32768, "Bitmap height=-32768 bigger than 65535"},
     };
-    for (const Case &c : cases)
+    for (const auto &c : cases)
         for (Path path : {Path::Image, Path::Bitmap}) {
             SCOPED_TRACE(testing::Message() << c.width << " x " << c.height << " path " << int(path));
-            Dib dib;
-            dib.width = c.width;
-            dib.height = c.height;
-            dib.palette = {Black, White};
+            Dib dib(c.width, c.height);
             dib.sizeImage = c.text ? 4 : 0;
             dib.storedRows = c.text ? 1 : -1;
             test::Recorder recorder;
@@ -257,9 +248,7 @@ TEST(Handover, SidesAbove32767AreRefusedWithTheHistoricNumber) {
                 EXPECT_TRUE(recorder.reports.empty());
             } else {
                 EXPECT_EQ(block, nullptr);
-                ASSERT_EQ(recorder.reports.size(), 1u);
-                EXPECT_EQ(recorder.reports[0].title, path == Path::Image ? "TLx_IMAGE" : "TLx_BITMAP");
-                EXPECT_EQ(recorder.reports[0].text, c.text);
+                ExpectReport(recorder, path == Path::Image ? "TLx_IMAGE" : "TLx_BITMAP", c.text);
                 EXPECT_EQ(recorder.reports[0].withSystemText, 0);
                 EXPECT_TRUE(record.Untouched());
             }
@@ -269,11 +258,9 @@ TEST(Handover, SidesAbove32767AreRefusedWithTheHistoricNumber) {
 
 TEST(Handover, RecordGetsTagAndLockedAddressesAndNothingElse) {
     test::QuietDefaults();
-    Dib dib;
-    dib.palette = {Black, White};
     for (Path path : {Path::Image, Path::Bitmap}) {
         Record record;
-        TL_HANDLE block = HandOver(path, record, dib);
+        TL_HANDLE block = HandOver(path, record, Dib());
         ASSERT_NE(block, nullptr);
         void *address = GlobalLock(block);  // the same address, one lock more
         GlobalUnlock(block);
@@ -292,68 +279,44 @@ TEST(Handover, RecordGetsTagAndLockedAddressesAndNothingElse) {
 }
 
 TEST(DarkTable, EveryRowOfTheColourTable) {
-    struct Row {
-        uint8_t blue, green, red, dark;
-    };
-    const Row rows[] = {
+    // A 4-bit bitmap whose pixel i has the colour of row i.
+    const struct { uint8_t blue, green, red; bool dark; } rows[] = {
         {191, 191, 191, 1}, {192, 192, 192, 0}, {0, 0, 255, 1}, {255, 0, 0, 1}, {0, 255, 0, 0},
         {0, 255, 255, 0},   {255, 0, 255, 0},   {255, 255, 0, 0}, {0, 0, 0, 1},
     };
-    // The rule alone, the table built from a palette, and the raster of a
-    // 4-bit bitmap whose pixel i has colour i.
-    Dib dib;
+    Dib dib(16, 2, {}, [](int32_t x, int32_t) { return uint32_t(x); });
     dib.bits = 4;
     dib.clrUsed = 16;
-    dib.width = 16;
-    dib.height = 2;
-    dib.pixel = [](int32_t x, int32_t) { return uint32_t(x); };
-    for (const Row &r : rows) {
-        EXPECT_EQ(IsDarkColour(r.blue, r.green, r.red), bool(r.dark)) << int(r.blue) << "," << int(r.green) << "," << int(r.red);
-        dib.palette.push_back({r.blue, r.green, r.red});
-    }
+    for (const auto &r : rows) dib.palette.push_back({r.blue, r.green, r.red});
     dib.palette.resize(16, White);
-    std::vector<uint8_t> bytes = dib.Bytes();
-    const auto table = DarkTable(&bytes[40], 16);
-    for (size_t i = 0; i < std::size(rows); ++i) EXPECT_EQ(table[i], rows[i].dark) << "entry " << i;
-
-    Record record;
-    TL_HANDLE host = HostBlock(bytes);
-    TL_HANDLE block = TLC_BITMAP_E(record.data(), host);
-    ASSERT_NE(block, nullptr);
-    ExpectRaster(record, 2, 16, [&](int32_t x, int32_t) { return x < int32_t(std::size(rows)) && rows[x].dark; });
-    test::FreeBlock(block, true);
-    GlobalFree(host);
+    ExpectHandOver(Path::Bitmap, dib, 2, 16,
+                   [&](int32_t x, int32_t) { return x < int32_t(std::size(rows)) && rows[x].dark; });
 }
 
 TEST(BitmapIntoRecord, HostBlockKeepsAllButClrUsedAndGivesTheSameRasterTwice) {
     test::QuietDefaults();
-    struct Case {
-        uint16_t bits;
-        uint32_t clrUsed, expected;
-    };
-    for (const Case c : {Case{1, 0, 2}, Case{4, 0, 16}, Case{4, 5, 5}, Case{8, 0, 256}, Case{32, 0, 1}}) {
+    const struct { uint16_t bits; uint32_t clrUsed, expected; } cases[] = {
+        {1, 0, 2}, {4, 0, 16}, {4, 5, 5}, {8, 0, 256}, {32, 0, 1}};
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.bits);
-        Dib dib;
+        Dib dib(11, 4, std::vector<Bgr>(c.bits == 32 ? 0 : c.expected, Black),
+                [&](int32_t x, int32_t y) { return c.bits == 32 ? 0x808080u * uint32_t(x) : uint32_t(x + y) % 2; });
         dib.bits = c.bits;
         dib.clrUsed = c.clrUsed;
-        dib.width = 11;
-        dib.height = 4;
-        dib.palette.assign(c.bits == 32 ? 0 : c.expected, Black);
         if (!dib.palette.empty()) dib.palette[0] = White;
-        dib.pixel = [&](int32_t x, int32_t y) { return c.bits == 32 ? 0x808080u * uint32_t(x) : uint32_t(x + y) % 2; };
         const std::vector<uint8_t> before = dib.Bytes();
         TL_HANDLE host = HostBlock(before);
-        std::vector<uint8_t> first, second;
-        for (std::vector<uint8_t> *raster : {&first, &second}) {
+        std::vector<uint8_t> raster[2];
+        for (auto &bytes : raster) {
             test::LeakGuard guard;
             Record record;
             TL_HANDLE block = TLC_BITMAP_E(record.data(), host);
             ASSERT_NE(block, nullptr);
-            *raster = test::BlockBytes(block);
+            bytes = test::BlockBytes(block);
             test::FreeBlock(block, true);
             EXPECT_TRUE(guard.Same());
         }
-        EXPECT_EQ(first, second);
+        EXPECT_EQ(raster[0], raster[1]);
         std::vector<uint8_t> after = test::BlockBytes(host);
         EXPECT_EQ(LoadU32(&after[32]), c.expected);
         StoreU32(&after[32], c.clrUsed);
@@ -366,29 +329,21 @@ TEST(BitmapIntoRecord, HostBlockKeepsAllButClrUsedAndGivesTheSameRasterTwice) {
 TEST(BitmapIntoRecord, DepthsWithoutPixelsAndPlanes) {
     test::QuietDefaults();
     auto pixel = [](int32_t x, int32_t y) { return uint32_t(x * y % 3 == 1); };
-    struct Case {
-        uint16_t bits, planes;
-        uint32_t clrUsed;
-        std::function<bool(int32_t, int32_t)> dark;
-    };
-    const Case cases[] = {
-        {8, 1, 0, [](int32_t, int32_t) { return false; }},  // no pixels written
-        {24, 1, 0, [](int32_t, int32_t) { return false; }},
+    auto none = [](int32_t, int32_t) { return false; };
+    const struct { uint16_t bits, planes; uint32_t clrUsed; Dark dark; } cases[] = {
+        {8, 1, 0, none},  // no pixels written
+        {24, 1, 0, none},
         {8, 1, 2, [](int32_t, int32_t) { return true; }},  // ...and then inverted
         {1, 0, 2, [&](int32_t x, int32_t y) { return !pixel(x, y); }},
         {1, 1, 2, [&](int32_t x, int32_t y) { return !pixel(x, y); }},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(testing::Message() << c.bits << " bits, " << c.planes << " planes");
         test::Recorder recorder;
-        Dib dib;
-        dib.width = 19;
-        dib.height = 6;
+        Dib dib(19, 6, {Black, White}, c.bits < 8 ? Pixel(pixel) : nullptr);
         dib.bits = c.bits;
         dib.planes = c.planes;
         dib.clrUsed = c.clrUsed;
-        dib.palette = {Black, White};
-        if (c.bits < 8) dib.pixel = pixel;
         Record record;
         TL_HANDLE host = HostBlock(dib.Bytes());
         TL_HANDLE block = TLC_BITMAP_E(record.data(), host);
@@ -402,62 +357,36 @@ TEST(BitmapIntoRecord, DepthsWithoutPixelsAndPlanes) {
 }
 
 TEST(Handover, FailuresGiveBackEveryBlockAndLeaveTheRecord) {
-    struct Case {
+    TL_HANDLE stale = GlobalAlloc(GHND, 64);  // a handle already given back
+    GlobalFree(stale);
+    const struct {
         const char *name;
-        Path path;
-        std::function<void(Dib &)> damage;
+        std::function<TL_HANDLE(Record &)> call;
         const char *title, *text;
-    };
-    const Case cases[] = {
-        {"one colour", Path::Image, [](Dib &d) { d.clrUsed = 1; d.palette.resize(1); }, "TLx_IMAGE",
-         "Bitmap with two or more colors expected"},
-        {"wide", Path::Image, [](Dib &d) { d.width = 40000; d.sizeImage = 8; }, "TLx_IMAGE",
+    } cases[] = {
+        {"one colour", [](Record &r) { Dib d; d.clrUsed = 1; d.palette.resize(1); return HandOver(Path::Image, r, d); },
+         "TLx_IMAGE", "Bitmap with two or more colors expected"},
+        {"wide", [](Record &r) { Dib d(40000); d.sizeImage = 8; return HandOver(Path::Image, r, d); }, "TLx_IMAGE",
          "Bitmap width=40000 bigger than 65535"},
-        {"tall", Path::Bitmap, [](Dib &d) { d.height = 0x7FFFFFFF; d.storedRows = 1; }, "TLx_BITMAP",
-         "Bitmap height=2147483647 bigger than 65535"},
+        {"tall", [](Record &r) { Dib d(8, 0x7FFFFFFF); d.storedRows = 1; return HandOver(Path::Bitmap, r, d); },
+         "TLx_BITMAP", "Bitmap height=2147483647 bigger than 65535"},
+        {"a block too small for a header", [](Record &r) {
+             TL_HANDLE host = HostBlock(std::vector<uint8_t>(39));
+             TL_HANDLE block = TLC_BITMAP_E(r.data(), host);
+             GlobalFree(host);
+             return block;
+         }, "TLx_BITMAP", "Image Lock Error"},
+        {"a stale handle", [&](Record &r) { return TLC_BITMAP_E(r.data(), stale); }, "TLx_BITMAP", "Image Lock Error"},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        Dib dib;
-        dib.palette = {Black, White};
-        c.damage(dib);
         test::Recorder recorder;
         test::LeakGuard guard;
         Record record;
-        EXPECT_EQ(HandOver(c.path, record, dib), nullptr);
+        EXPECT_EQ(c.call(record), nullptr);
         EXPECT_TRUE(record.Untouched());
         EXPECT_TRUE(guard.Same());
-        ASSERT_EQ(recorder.reports.size(), 1u);
-        EXPECT_EQ(recorder.reports[0].title, c.title);
-        EXPECT_EQ(recorder.reports[0].text, c.text);
-    }
-
-    // A block too small for a header cannot be read as a bitmap.
-    {
-        test::Recorder recorder;
-        test::LeakGuard guard;
-        Record record;
-        TL_HANDLE host = HostBlock(std::vector<uint8_t>(39));
-        EXPECT_EQ(TLC_BITMAP_E(record.data(), host), nullptr);
-        GlobalFree(host);
-        EXPECT_TRUE(guard.Same());
-        EXPECT_TRUE(record.Untouched());
-        ASSERT_EQ(recorder.reports.size(), 1u);
-        EXPECT_EQ(recorder.reports[0].text, "Image Lock Error");
-    }
-    // A handle already given back cannot be locked; the record stays.
-    {
-        test::Recorder recorder;
-        TL_HANDLE stale = GlobalAlloc(GHND, 64);
-        GlobalFree(stale);
-        test::LeakGuard guard;
-        Record record;
-        EXPECT_EQ(TLC_BITMAP_E(record.data(), stale), nullptr);
-        EXPECT_TRUE(guard.Same());
-        EXPECT_TRUE(record.Untouched());
-        ASSERT_EQ(recorder.reports.size(), 1u);
-        EXPECT_EQ(recorder.reports[0].title, "TLx_BITMAP");
-        EXPECT_EQ(recorder.reports[0].text, "Image Lock Error");
+        ExpectReport(recorder, c.title, c.text);
     }
     // NULL bitmap: 0 with the error state as it stood.
     {
@@ -475,9 +404,7 @@ TEST(Handover, FailuresGiveBackEveryBlockAndLeaveTheRecord) {
     {
         test::Recorder recorder;
         ReportError("earlier", "still pending", 0);
-        Dib dib;
-        dib.palette = {Black, White};
-        TL_HANDLE host = HostBlock(dib.Bytes());
+        TL_HANDLE host = HostBlock(Dib().Bytes());
         test::LeakGuard guard;
         Record record;
         EXPECT_EQ(TLP_BITMAP_E(record.data(), host), nullptr);
@@ -491,17 +418,14 @@ TEST(Handover, FailuresGiveBackEveryBlockAndLeaveTheRecord) {
     // No image: another image number of a BMP file, or the end of a walk.
     {
         test::Recorder recorder;
-        Dib dib;
-        dib.palette = {Black, White};
-        const std::string file = test::WriteTemp("handover_walk.bmp", BmpFile(dib.Bytes(), 2));
+        const std::string file = test::WriteTemp("handover_walk.bmp", BmpFile(Dib().Bytes(), 2));
         test::LeakGuard guard;
-        Record record;
+        Record record, second;
         EXPECT_EQ(LoadImage(record, file, 1), nullptr);
         EXPECT_TRUE(record.Untouched());
         TL_HANDLE block = LoadImage(record, file, -1);
         ASSERT_NE(block, nullptr);
         test::FreeBlock(block, true);
-        Record second;
         EXPECT_EQ(LoadImage(second, file, -1), nullptr);
         EXPECT_TRUE(second.Untouched());
         EXPECT_TRUE(guard.Same());
@@ -516,15 +440,12 @@ TEST(Handover, UnsoundBitmapsStayInsideTheirBlocks) {
     test::QuietDefaults();
     auto pixel = [](int32_t x, int32_t y) { return uint32_t((x + 2 * y) % 5 == 0); };
     auto dark = [&](int32_t x, int32_t y) { return pixel(x, y) != 0; };
+    const std::vector<Bgr> whiteFirst = {White, Black};
 
     // biSizeImage short of stride x height: the raster holds the whole rows
     // that are there, the lowest of the image.
     for (uint32_t sizeImage : {8u, 9u, 11u}) {
-        Dib dib;
-        dib.width = 30;
-        dib.height = 7;
-        dib.palette = {White, Black};
-        dib.pixel = pixel;
+        Dib dib(30, 7, whiteFirst, pixel);
         dib.sizeImage = sizeImage;
         dib.storedRows = 2;
         std::vector<uint8_t> bytes = dib.Bytes();
@@ -535,64 +456,27 @@ TEST(Handover, UnsoundBitmapsStayInsideTheirBlocks) {
         ExpectRaster(record, 2, 30, [&](int32_t x, int32_t y) { return dark(x, y + 5); });
         test::FreeBlock(block, true);
     }
-
-    // A width of 0 gives a raster of empty rows on both paths.
+    // Width 0 gives empty rows; a negative height is a top-down bitmap.
     for (Path path : {Path::Image, Path::Bitmap}) {
-        Dib dib;
-        dib.width = 0;
-        dib.height = 3;
-        dib.palette = {White, Black};
-        Record record;
-        TL_HANDLE block = HandOver(path, record, dib);
-        ASSERT_NE(block, nullptr);
-        EXPECT_EQ(record.Rows(), 3);
-        EXPECT_EQ(record.Columns(), 0);
-        test::FreeBlock(block, true);
+        ExpectHandOver(path, Dib(0, 3, whiteFirst), 3, 0, dark);
+        ExpectHandOver(path, Dib(21, -6, whiteFirst, pixel), 6, 21, dark);
     }
-
-    // A negative height is a top-down bitmap on both paths.
-    for (Path path : {Path::Image, Path::Bitmap}) {
-        Dib dib;
-        dib.width = 21;
-        dib.height = -6;
-        dib.palette = {White, Black};
-        dib.pixel = pixel;
-        Record record;
-        TL_HANDLE block = HandOver(path, record, dib);
-        ASSERT_NE(block, nullptr);
-        ExpectRaster(record, 6, 21, dark);
-        test::FreeBlock(block, true);
-    }
-
     // biPlanes above 1 steps several rows at a time from the top row; raster
     // rows whose source would lie outside the pixel rows stay blank.
-    for (uint16_t planes : {2, 3, 500}) {
+    for (uint16_t planes : {2, 3, 500})
         for (int32_t height : {7, -7}) {
             SCOPED_TRACE(testing::Message() << planes << " planes, height " << height);
-            Dib dib;
-            dib.width = 12;
-            dib.height = height;
+            Dib dib(12, height, whiteFirst, pixel);
             dib.planes = planes;
-            dib.palette = {White, Black};
-            dib.pixel = pixel;
-            Record record;
-            TL_HANDLE block = HandOver(Path::Bitmap, record, dib);
-            ASSERT_NE(block, nullptr);
-            ExpectRaster(record, 7, 12, [&](int32_t x, int32_t y) { return y * planes < 7 && dark(x, y * planes); });
-            test::FreeBlock(block, true);
+            ExpectHandOver(Path::Bitmap, dib, 7, 12,
+                           [&](int32_t x, int32_t y) { return y * planes < 7 && dark(x, y * planes); });
         }
-    }
-
     // A 4-bit bitmap with three palette entries: higher pixel values are
     // light, whatever the bytes behind the palette hold.
     {
-        Dib dib;
+        Dib dib(9, 3, {Black, White, {0, 0, 200}}, [](int32_t x, int32_t) { return uint32_t(x); });
         dib.bits = 4;
         dib.clrUsed = 3;
-        dib.width = 9;
-        dib.height = 3;
-        dib.palette = {Black, White, {0, 0, 200}};
-        dib.pixel = [](int32_t x, int32_t) { return uint32_t(x); };
         Record record;
         TL_HANDLE block = HandOver(Path::Bitmap, record, dib);
         ASSERT_NE(block, nullptr);
@@ -601,41 +485,27 @@ TEST(Handover, UnsoundBitmapsStayInsideTheirBlocks) {
         EXPECT_EQ(record.At(TL_RECORD_PIXELS)[1], 0);
         test::FreeBlock(block, true);
     }
-
     // Rows or a palette the host's block does not hold: rows beyond its end
     // stay blank, and a palette count past it leaves every row blank.
     for (uint32_t clrUsed : {2u, 1000u}) {
-        Dib dib;
-        dib.width = 16;
-        dib.height = 5;
+        Dib dib(16, 5, {Black, White}, pixel);
         dib.clrUsed = clrUsed;
-        dib.palette = {Black, White};
-        dib.pixel = pixel;
         dib.storedRows = 3;
-        Record record;
-        TL_HANDLE block = HandOver(Path::Bitmap, record, dib);
-        ASSERT_NE(block, nullptr);
-        ExpectRaster(record, 5, 16, [&](int32_t x, int32_t y) {
-            if (clrUsed != 2) return false;    // no palette read, no inversion
-            return !(y >= 2 && dark(x, y));    // the lowest three rows; black first: inverted
+        ExpectHandOver(Path::Bitmap, dib, 5, 16, [&](int32_t x, int32_t y) {
+            return clrUsed == 2 && !(y >= 2 && dark(x, y));  // the lowest three rows, inverted; else no palette read
         });
-        test::FreeBlock(block, true);
     }
 }
 
 TEST(TolmarVersion, ComparesAndFillsAnEmptyText) {
     test::Recorder recorder;
-    char same[] = "3.3m";
+    char same[] = "3.3m", empty[5] = {};
     EXPECT_EQ(TOLMAR_VERSION_E(same), 1);
-    char empty[5] = {};
     EXPECT_EQ(TOLMAR_VERSION_E(empty), 1);
     EXPECT_STREQ(empty, "3.3m");
     EXPECT_EQ(TOLMAR_VERSION_E(nullptr), 0);
     EXPECT_TRUE(recorder.reports.empty());
-    for (const char *other : {"3.3", "3.3m ", "3.3M"}) {
-        std::string text = other;
-        EXPECT_EQ(TOLMAR_VERSION_E(text.data()), 0);
-    }
+    for (std::string other : {"3.3", "3.3m ", "3.3M"}) EXPECT_EQ(TOLMAR_VERSION_E(other.data()), 0);
     ASSERT_EQ(recorder.reports.size(), 3u);
     EXPECT_EQ(recorder.reports[0].title, "TOLIMAGE.DLL");
     EXPECT_EQ(recorder.reports[0].text, "Wrong TOLMAR Version");

@@ -86,11 +86,7 @@ std::vector<uint8_t> Literal(const std::vector<uint8_t> &bytes) {
 std::string Temp(const std::vector<uint8_t> &bytes) { return test::WriteTemp("case.pcx", bytes); }
 
 TEST(PcxReader, EncodedFilesGiveTheirSourcesPixelForPixel) {
-    struct Case {
-        const char *file, *source;
-        int planes, hDpi;
-        bool inverted = false;
-    } cases[] = {
+    struct Case { const char *file, *source; int planes, hDpi; bool inverted = false; } cases[] = {
         {"netpbm_1plane.pcx", "text.pbm", 1, 49},           // ppmtopcx writes the size as dpi
         {"netpbm_1plane_origin.pcx", "text.pbm", 1, 49},    // Xmin 5, Ymin 3
         // ImageMagick codes white as 0 and says so in its colour map; the
@@ -203,17 +199,6 @@ TEST(PcxReader, FourPlanesMakeFourBitPixels) {
     Loaded got = LoadGood(Temp(Join(Header(4, 2, 16, 1), Literal(line))));
     ASSERT_FALSE(got.bytes.empty());
     for (int k = 0; k < 8; ++k) EXPECT_EQ(got.Row(0)[k], uint8_t((2 * k) << 4 | (2 * k + 1))) << k;
-
-    // Bits in planes 0 and 3 only: 9.
-    got = LoadGood(Temp(Join(Header(4, 1, 8, 1), {0x80, 0x00, 0x00, 0x80})));
-    ASSERT_FALSE(got.bytes.empty());
-    EXPECT_EQ(got.Row(0)[0], 0x90);
-
-    // NibbleReverse reverses four bits.
-    for (int i = 0; i < 16; ++i) {
-        int reversed = ((i & 1) << 3) | ((i & 2) << 1) | ((i & 4) >> 1) | ((i & 8) >> 3);
-        EXPECT_EQ(NibbleReverse[size_t(i)], reversed);
-    }
 }
 
 TEST(PcxReader, RowsTakeAtMostTheirStride) {
@@ -241,9 +226,7 @@ TEST(PcxReader, RowsTakeAtMostTheirStride) {
 }
 
 TEST(PcxReader, ResolutionFromHorizontalDpiOnly) {
-    struct Case {
-        int hDpi, vDpi, want;
-    } cases[] = {
+    struct Case { int hDpi, vDpi, want; } cases[] = {
         {300, 300, 11810},  // 39.37 as a float is 39.369998931884766: not 11811
         {200, 100, 7873},   // VDpi plays no part
         {96, 0, 3779},
@@ -297,12 +280,10 @@ TEST(PcxReader, EveryFailureReportsAndLeavesNothingBehind) {
     } cases[] = {
         {"header of 100 bytes", std::vector<uint8_t>(header.begin(), header.begin() + 100), {{"@", 1}}},
         {"2 planes", with(Header(1, 2, 16, 1), 65, 2), {{illegal + "@", 0}}},
-        {"3 planes", with(Header(1, 2, 16, 1), 65, 3), {{illegal + "@", 0}}},
         {"8 bits per pixel with a palette", eightBit, {{illegal + "@", 0}}},
         {"encoding 2", with(Header(1, 2, 16, 1), 2, 2), {{illegal + "@", 0}}},
-        {"version 3", with(Join(Header(1, 2, 16, 1), {0, 0}), 1, 3), {}},
-        {"version 0", with(Join(Header(1, 2, 16, 1), {0, 0}), 1, 0), {}},
-        {"version 2", with(Join(Header(1, 2, 16, 1), {0, 0}), 1, 2), {}},
+        {"version 0 is read", with(Join(Header(1, 2, 16, 1), {0, 0}), 1, 0), {}},
+        {"version 3 is read", with(Join(Header(1, 2, 16, 1), {0, 0}), 1, 3), {}},  // 2: the Pillow fixture
         {"width 0", edges(5, 4, 0, 0), {{illegal + "@", 0}}},
         {"width below 0", edges(5, -100, 0, 0), {{illegal + "@", 0}}},
         {"height 0", edges(0, 15, 7, 6), {{illegal + "@", 0}}},

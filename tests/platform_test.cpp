@@ -16,12 +16,7 @@
 #include "support/support.h"
 #include "tolimage_posix.h"
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define TL_HAS_ASAN 1
-#endif
-#endif
-#if defined(TL_ASAN) || defined(__SANITIZE_ADDRESS__) || defined(TL_HAS_ASAN)
+#if defined(TL_ASAN) || defined(__SANITIZE_ADDRESS__)  // CMake sets TL_ASAN with TL_SANITIZE
 #define TL_TEST_ASAN 1
 #else
 #define TL_TEST_ASAN 0
@@ -195,50 +190,37 @@ TEST(MovableMemoryDeathTest, OverrunsAndUseAfterUnlockFault) {
     const std::string style = GTEST_FLAG_GET(death_test_style);
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     // A size that is a multiple of 16 ends at the guard page: one byte more faults in every build.
-    for (uintptr_t size : {16u, 4096u, 8192u + 48u}) {
-        EXPECT_DEATH(
-            {
-                TL_HANDLE block = GlobalAlloc(GHND, size);
-                WriteAt(GlobalLock(block), size);
-            },
-            "")
-            << size;
-    }
+    for (uintptr_t size : {16u, 4096u, 8192u + 48u})
+        EXPECT_DEATH(WriteAt(GlobalLock(GlobalAlloc(GHND, size)), size), "") << size;
 #if TL_TEST_ASAN
-    // The slack before the guard page, and a block that is no longer locked.
-    EXPECT_DEATH(
-        {
-            TL_HANDLE block = GlobalAlloc(GHND, 13);
-            WriteAt(GlobalLock(block), 13);
-        },
-        "use-after-poison");
-    EXPECT_DEATH(
-        {
-            TL_HANDLE block = GlobalAlloc(GHND, 100);
-            void *bytes = GlobalLock(block);
-            GlobalUnlock(block);
-            ReadAt(bytes, 0);
-        },
-        "use-after-poison");
-    EXPECT_DEATH(
-        {
-            TL_HANDLE block = GlobalAlloc(GHND, 13);
-            void *bytes = GlobalLock(block);
-            GlobalLock(block);
-            GlobalUnlock(block);
-            ReadAt(bytes, 12);  // still locked once: fine
-            GlobalUnlock(block);
-            ReadAt(bytes, 12);
-        },
-        "use-after-poison");
-    EXPECT_DEATH(
-        {
-            TL_HANDLE block = GlobalAlloc(GHND, 100);
-            void *bytes = GlobalLock(block);
-            GlobalFree(block);
-            ReadAt(bytes, 50);
-        },
-        "");
+    // The slack before the guard page, a block no longer locked (after one
+    // unlock of two it still is), and a freed block.
+    using Body = void (*)();
+    const struct { Body body; const char *regex; } cases[] = {
+        {[] { WriteAt(GlobalLock(GlobalAlloc(GHND, 13)), 13); }, "use-after-poison"},
+        {[] {
+             TL_HANDLE block = GlobalAlloc(GHND, 100);
+             void *bytes = GlobalLock(block);
+             GlobalUnlock(block);
+             ReadAt(bytes, 0);
+         }, "use-after-poison"},
+        {[] {
+             TL_HANDLE block = GlobalAlloc(GHND, 13);
+             void *bytes = GlobalLock(block);
+             GlobalLock(block);
+             GlobalUnlock(block);
+             ReadAt(bytes, 12);
+             GlobalUnlock(block);
+             ReadAt(bytes, 12);
+         }, "use-after-poison"},
+        {[] {
+             TL_HANDLE block = GlobalAlloc(GHND, 100);
+             void *bytes = GlobalLock(block);
+             GlobalFree(block);
+             ReadAt(bytes, 50);
+         }, ""},
+    };
+    for (const auto &c : cases) EXPECT_DEATH(c.body(), c.regex);
 #endif
     GTEST_FLAG_SET(death_test_style, style);
 }
@@ -325,10 +307,7 @@ TEST(Files, ReadSeekAndSize) {
     EXPECT_EQ(high, 0u);
 
     constexpr DWORD Fail = INVALID_SET_FILE_POINTER;
-    struct Step {
-        LONG offset;
-        DWORD method, expect, positionAfter;
-    } steps[] = {
+    struct Step { LONG offset; DWORD method, expect, positionAfter; } steps[] = {
         {50, FILE_BEGIN, 50, 50},     {10, FILE_CURRENT, 60, 60},   {-5, FILE_END, 95, 95},
         {-101, FILE_END, Fail, 95},   {-1, FILE_BEGIN, Fail, 95},   {-96, FILE_CURRENT, Fail, 95},
         {-95, FILE_CURRENT, 0, 0},    {500, FILE_BEGIN, 500, 500},  // past the end is allowed
@@ -443,9 +422,7 @@ TEST(ErrorText, LastErrorAndSystemText) {
 }
 
 TEST(ErrorText, MessageBoxWritesOneLine) {
-    struct Case {
-        const char *title, *text, *line;
-    } cases[] = {
+    struct Case { const char *title, *text, *line; } cases[] = {
         {"ReadTIF", "Cannot read strip 3", "ReadTIF: Cannot read strip 3\n"},
         {"TOPEN", "a.tif\nNo such file or directory", "TOPEN: a.tif\nNo such file or directory\n"},
         {"T", "", "T: \n"},
@@ -519,9 +496,7 @@ std::string Format(const char *format, Args... args) {
 }
 
 TEST(Text, WsprintfConversions) {
-    struct Case {
-        std::string got, expected;
-    } cases[] = {
+    struct Case { std::string got, expected; } cases[] = {
         {Format("%ld", int32_t(-123456)), "-123456"},
         {Format("%lu", uint32_t(0xFFFFFFFF)), "4294967295"},
         {Format("%d|%i|%u", int32_t(-1), int32_t(7), uint32_t(3000000000u)), "-1|7|3000000000"},
@@ -560,10 +535,7 @@ TEST(Paths, FullpathAndAccess) {
     char cwd[4096];
     ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
     const std::string here = cwd;
-    struct Case {
-        const char *name;
-        std::string expected;
-    } cases[] = {
+    struct Case { const char *name; std::string expected; } cases[] = {
         {"/a/b/c.tif", "/a/b/c.tif"},
         {"/a/./b//c/", "/a/b/c"},
         {"/a/b/../../c", "/c"},

@@ -1,25 +1,16 @@
 /* A host program in C that installs its own file dialog through the
  * library's exports: a missing file is replaced by the one its dialog
  * chooses, and a cancel gives no image and no report. */
-#include <stdio.h>
 #include <string.h>
 
 #include "tolimage.h"
 #include "tolimage_posix.h"
+#include "host_check.h"
 
-static int failures = 0;
 static int asked = 0;
 static int confirm = 1;
 static char seenTitle[64];
 static char seenLabel[64];
-
-#define CHECK(cond)                                                             \
-    do {                                                                        \
-        if (!(cond)) {                                                          \
-            fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #cond); \
-            ++failures;                                                         \
-        }                                                                       \
-    } while (0)
 
 static int32_t HostDialog(TL_FILE_REQUEST *request) {
     ++asked;
@@ -55,6 +46,5 @@ int main(void) {
     CHECK(TL_ERRORSTATUS_E() == 0);
 
     CHECK(TlSetFileDialog(NULL) == HostDialog);
-    if (failures) fprintf(stderr, "%d failures\n", failures);
-    return failures ? 1 : 0;
+    return HostDone("host_dialog");
 }

@@ -3,22 +3,13 @@
  * bitmap exports, reads each raster back through the addresses in the
  * record, checks the dark pixels against the pattern the fixtures were made
  * from, and gives every block back with GlobalUnlock and GlobalFree. */
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include "tolimage.h"
 #include "tolimage_posix.h"
+#include "host_check.h"
 
-static int failures = 0;
-
-#define CHECK(cond)                                                            \
-    do {                                                                       \
-        if (!(cond)) {                                                         \
-            fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #cond); \
-            ++failures;                                                        \
-        }                                                                      \
-    } while (0)
 
 static void Heard(const char *title, const char *text, int32_t withSystemText) {
     (void)withSystemText;
@@ -32,10 +23,6 @@ static int HandoverDark(int x, int y) {
     return x + 2 * y < 24 || (x % 6 == 5 && y % 4 == 2) || (y == 20 && x >= 30);
 }
 
-static uint32_t Le32(const unsigned char *p) {
-    return p[0] | (p[1] << 8) | (p[2] << 16) | ((uint32_t)p[3] << 24);
-}
-static int Le16(const unsigned char *p) { return (int16_t)(p[0] | (p[1] << 8)); }
 
 /* Reads the raster the record points at and compares it with the pattern;
  * then unlocks and frees the block the export returned. */
@@ -123,6 +110,5 @@ int main(void) {
     }
     CHECK(TL_ERRORSTATUS_E() == 0);
     free(record);
-    if (failures) fprintf(stderr, "host_handover: %d checks failed\n", failures);
-    return failures ? 1 : 0;
+    return HostDone("host_handover");
 }

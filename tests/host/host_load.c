@@ -1,22 +1,13 @@
 /* A host program in C that sees only the library's exports: it loads a
  * bitmap, reads it, frees it, and follows a failure through the flags. */
-#include <stdio.h>
 #include <string.h>
 
 #include "tolimage.h"
 #include "tolimage_posix.h"
+#include "host_check.h"
 
-static int failures = 0;
 static int heard = 0;
 static char lastText[600];
-
-#define CHECK(cond)                                                  \
-    do {                                                             \
-        if (!(cond)) {                                               \
-            fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #cond); \
-            ++failures;                                              \
-        }                                                            \
-    } while (0)
 
 static void Heard(const char *title, const char *text, int32_t withSystemText) {
     (void)title;
@@ -25,9 +16,6 @@ static void Heard(const char *title, const char *text, int32_t withSystemText) {
     snprintf(lastText, sizeof lastText, "%s", text);
 }
 
-static uint32_t Le32(const unsigned char *p) {
-    return p[0] | (p[1] << 8) | (p[2] << 16) | ((uint32_t)p[3] << 24);
-}
 
 int main(void) {
     char name[260];
@@ -67,6 +55,5 @@ int main(void) {
     CHECK(TL_CLEARERROR_E() == 0);
     remove(name);
 
-    if (failures == 0) printf("host_load: all checks passed\n");
-    return failures == 0 ? 0 : 1;
+    return HostDone("host_load");
 }

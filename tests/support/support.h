@@ -16,6 +16,9 @@ std::string Fixture(const std::string &relative);
 std::string Sample(const std::string &relative);
 // Whole contents of a file.
 std::vector<uint8_t> ReadFileBytes(const std::string &path);
+// Whole contents of a text file; writing one (any path) replaces it.
+std::string ReadText(const std::string &path);
+void WriteText(const std::string &path, const std::string &text);
 // A file in a fresh scratch directory holding `bytes`; returns its path.
 std::string WriteTemp(const std::string &name, const std::vector<uint8_t> &bytes);
 // Absolute path of the test's scratch directory (created on first use).
