@@ -65,6 +65,8 @@ void ReportError(const char *title, const char *text, int32_t withSystemText) {
 
 int32_t ErrorStatus() { return ErrorPending != 0 ? 1 : 0; }
 
+bool ReportIsHeard() { return ErrorCallback != nullptr || ErrorPending == 0; }
+
 int32_t ErrorClear() {
     int32_t before = ErrorPending;
     ErrorPending = 0;

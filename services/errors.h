@@ -15,6 +15,11 @@
 void ReportError(const char *title, const char *text, int32_t withSystemText);
 
 int32_t ErrorStatus();  // 1 if a report was made since the last clear
+
+// False when a report now would change nothing: an error is pending and no
+// callback is installed, so the box, the quit message and the flag are all
+// settled.  A routine that reports once per row skips formatting its text.
+bool ReportIsHeard();
 int32_t ErrorClear();   // clears; returns the state before
 
 // Each setter stores its value and returns the value before.

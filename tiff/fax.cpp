@@ -44,7 +44,10 @@ bool HasReferenceLine() { return (TiffImage.group3Options & 1u) != 0 || faxSchem
 }  // namespace
 
 void FaxReportUnexpectedCode() {
-    wsprintfA(TiffImage.messageBuffer, "Unexpected code in line %ld", long(TiffImage.currentRow));
+    // A damaged stream reports on every later row; once nobody can hear it,
+    // the text is not built again for each of them.
+    if (!ReportIsHeard()) return;
+    wsprintfA(TiffImage.messageBuffer, "Unexpected code in line %ld", int32_t(TiffImage.currentRow));
     ReportError("TIFF Read", TiffImage.messageBuffer, 0);
 }
 
