@@ -90,12 +90,42 @@ inline uint32_t FaxReadTagBit(FaxBits &bits) {
     return bit;
 }
 
-inline int32_t FaxDecodeRun(FaxBits &bits, int32_t colour) {
+// The next eight bits of the stream, from the first unread one, brought to
+// the top of a byte, for a look-up in a table's row of bit position 0: a
+// code word that the row completes in them is the one that the rows of the
+// byte-by-byte path would complete.  `used` gets the bits of curByte read
+// (8 for position 0), `next` the byte behind curByte.  Only while position
+// is 0..7 and a byte is left behind curByte.
+inline uint32_t FaxPeek8(const FaxBits &bits, uint32_t &used, uint32_t &next) {
+    used = bits.position == 0 ? 8u : uint32_t(bits.position);
+    next = bits.byteMap[*bits.cursor];
+    return ((((bits.curByte << 8) | next) << used) >> 8) & 0xFFu;
+}
+
+// Moves the stream past a code word of n (1..8) bits found by FaxPeek8:
+// into the next byte when the word reaches past curByte's last bit.  The
+// position is what the byte-by-byte path leaves (0 when the word ends with
+// curByte's last bit).
+inline void FaxConsume(FaxBits &bits, uint32_t used, uint32_t next, uint32_t n) {
+    const uint32_t reach = used + n;  // 2..16
+    const bool fetch = reach > 8;
+    bits.cursor += fetch;
+    bits.left -= int32_t(fetch);
+    bits.curByte = fetch ? next : bits.curByte;
+    bits.position = int32_t(reach & 7u);
+}
+
+// Bits of a code word completed in a row of position 0: its next state,
+// which is 0 for a word that ends with the byte.
+inline uint32_t FaxWordBits(uint32_t entry) { return ((entry - 1) & 7u) + 1; }
+
+// Run decoding a look-up per byte touched, the sum of make-up codes so far
+// carried in.
+inline int32_t FaxDecodeRunFrom(FaxBits &bits, int32_t colour, uint32_t sum) {
     const uint16_t *table = FaxRunTable.data();
     // A larger state is a mode or uncompressed code cut off by the end of the
     // data; nothing of it belongs to a run, and the next read fetches.
     uint32_t s = (bits.position > 0 && bits.position <= 7) ? uint32_t(bits.position) : 0u;
-    uint32_t sum = 0;
     for (;;) {
         uint32_t entry = 0;
         if (s != 0) {
@@ -116,6 +146,30 @@ inline int32_t FaxDecodeRun(FaxBits &bits, int32_t colour) {
         sum += uint32_t(v - 64) * 64;
         if (sum > FaxRunCeiling) sum = FaxRunCeiling;
     }
+}
+
+inline int32_t FaxDecodeRun(FaxBits &bits, int32_t colour) { return FaxDecodeRunFrom(bits, colour, 0); }
+
+// The same result as FaxDecodeRun.  Code words of up to eight bits take one
+// look-up each in the next eight bits of the stream; a longer word, EOL, a
+// bad code or the strip's last byte go on the byte-by-byte way.  Faster
+// for the runs of horizontal mode; for the one-dimensional rows the
+// byte-by-byte way measured faster.
+inline int32_t FaxDecodeRunPeek(FaxBits &bits, int32_t colour) {
+    const uint16_t *table = FaxRunTable.data();
+    uint32_t sum = 0;
+    while (bits.left > 0 && uint32_t(bits.position) <= 7) {
+        uint32_t used, next;
+        const uint32_t window = FaxPeek8(bits, used, next);
+        const uint32_t entry = FaxLookup(table, uint32_t(colour), window);
+        if ((entry >> 8) < FaxRunTerm) break;
+        FaxConsume(bits, used, next, FaxWordBits(entry));
+        const uint32_t v = (entry >> 8) - FaxRunTerm;
+        if (v < 64) return int32_t(sum + v);
+        sum += (v - 64) * 64;
+        if (sum > FaxRunCeiling) sum = FaxRunCeiling;
+    }
+    return FaxDecodeRunFrom(bits, colour, sum);
 }
 
 // The search of FaxFindZeros (skip 0x00) and FaxFindOnes (skip 0xFF).
@@ -164,6 +218,18 @@ inline int32_t FaxFindSpan(const uint8_t *line, int32_t start, int32_t end) {
     return r + (last < n ? last : n);
 }
 
+// Bits k .. reach - 1 (k <= reach < 64) from the top of a 64-bit word.
+inline uint64_t FaxSpanMask64(int32_t k, int32_t reach) { return (~uint64_t(0) >> k) & ~(~uint64_t(0) >> reach); }
+
+// ORs the pixels of mask (first pixel in the top bit) into the 8 bytes at p.
+inline void FaxOr64(uint8_t *p, uint64_t mask) {
+    if constexpr (std::endian::native == std::endian::little) mask = __builtin_bswap64(mask);
+    uint64_t v;
+    std::memcpy(&v, p, 8);
+    v |= mask;
+    std::memcpy(p, &v, 8);
+}
+
 // Sets pixels start .. end - 1 (end > start, end <= width) of a row whose
 // last byte is row[lastByte].  A span within two bytes, the common case, is
 // two ORs with no test of its length: where the span ends in the row's last
@@ -172,7 +238,9 @@ inline void FaxBlackSpan(uint8_t *row, int32_t start, int32_t end, int32_t lastB
     const int32_t k = start & 7;
     const int32_t b = start >> 3;
     const int32_t reach = k + (end - start);  // bits from the top of row[b]
-    if (reach <= 16) {
+    if (reach < 64 && b + 8 <= lastByte + 1) {
+        FaxOr64(row + b, FaxSpanMask64(k, reach));
+    } else if (reach <= 16) {
         const uint32_t mask = (0xFFFFu >> k) & ~(0xFFFFu >> reach);
         const int32_t next = b < lastByte ? b + 1 : b;
         row[b] |= uint8_t(mask >> 8);
