@@ -100,20 +100,24 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeRow2DLocal(FaxBits
     // A state of a begun code of another table is left only when the data
     // ran out; it is read as "byte used up".
     if (bits.position >= int32_t(FaxModeRows)) bits.position = 0;
+    FaxWindow w;
     for (;;) {
         // One mode code: pass, horizontal and vertical codes (up to seven
-        // bits) by one look-up in the next eight bits; the others, and the
-        // strip's last byte, a look-up per byte the code touches.
+        // bits) by one look-up in the window; the others, and the strip's
+        // last bits, a look-up per byte the code touches.
+        if (!w.on) FaxWindowStart(w, bits);
         uint32_t action = 0;
-        if (bits.left > 0 && uint32_t(bits.position) <= 7) {
-            uint32_t used, next;
-            const uint32_t entry = FaxLookup(modes, 0, FaxPeek8(bits, used, next));
-            if ((entry >> 8) - FaxModePass <= FaxModeVertical0 + 3 - FaxModePass) {
+        if (w.on) {
+            if (w.nb < 32) FaxWindowFill(w, bits);
+            const uint32_t entry = FaxLookup(modes, 0, uint32_t(w.acc >> 56));
+            const uint32_t n = FaxWordBits(entry);
+            if ((entry >> 8) - FaxModePass <= FaxModeVertical0 + 3 - FaxModePass && int32_t(n) <= w.nb) {
                 action = entry >> 8;
-                FaxConsume(bits, used, next, FaxWordBits(entry));
+                FaxWindowTake(w, n);
             }
         }
         if (action == 0) {
+            FaxWindowSync(w, bits);
             uint32_t s = uint32_t(bits.position);
             uint32_t entry;
             for (;;) {
@@ -138,8 +142,18 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeRow2DLocal(FaxBits
             a0 = a1;  // may move back by up to three pixels; set pixels stay
             colour ^= 1;
         } else if (action == FaxModeHorizontal) {
-            int32_t first = FaxDecodeRunPeek(bits, colour ? FaxBlack : 0);
-            int32_t second = FaxDecodeRunPeek(bits, colour ? 0 : FaxBlack);
+            uint32_t sum = 0;
+            int32_t first = w.on ? FaxWindowRun(w, bits, colour ? FaxBlack : 0, sum) : -4;
+            if (first == -4) {
+                FaxWindowSync(w, bits);
+                first = FaxDecodeRunFrom(bits, colour ? FaxBlack : 0, sum);
+            }
+            sum = 0;
+            int32_t second = w.on ? FaxWindowRun(w, bits, colour ? 0 : FaxBlack, sum) : -4;
+            if (second == -4) {
+                FaxWindowSync(w, bits);
+                second = FaxDecodeRunFrom(bits, colour ? 0 : FaxBlack, sum);
+            }
             if (first >= 0 && second >= 0) {
                 if (a0 < 0) a0 = 0;
                 if (first > width - a0) first = width - a0;
@@ -195,7 +209,10 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeRow2DLocal(FaxBits
             FaxReportUnexpectedCode();  // an action the table doesn't give
             return 0;
         }
-        if (a0 >= width) return FaxEndRow2D(bits, a0, width);
+        if (a0 >= width) {
+            FaxWindowSync(w, bits);
+            return FaxEndRow2D(bits, a0, width);
+        }
     }
 }
 

@@ -90,31 +90,6 @@ inline uint32_t FaxReadTagBit(FaxBits &bits) {
     return bit;
 }
 
-// The next eight bits of the stream, from the first unread one, brought to
-// the top of a byte, for a look-up in a table's row of bit position 0: a
-// code word that the row completes in them is the one that the rows of the
-// byte-by-byte path would complete.  `used` gets the bits of curByte read
-// (8 for position 0), `next` the byte behind curByte.  Only while position
-// is 0..7 and a byte is left behind curByte.
-inline uint32_t FaxPeek8(const FaxBits &bits, uint32_t &used, uint32_t &next) {
-    used = bits.position == 0 ? 8u : uint32_t(bits.position);
-    next = bits.byteMap[*bits.cursor];
-    return ((((bits.curByte << 8) | next) << used) >> 8) & 0xFFu;
-}
-
-// Moves the stream past a code word of n (1..8) bits found by FaxPeek8:
-// into the next byte when the word reaches past curByte's last bit.  The
-// position is what the byte-by-byte path leaves (0 when the word ends with
-// curByte's last bit).
-inline void FaxConsume(FaxBits &bits, uint32_t used, uint32_t next, uint32_t n) {
-    const uint32_t reach = used + n;  // 2..16
-    const bool fetch = reach > 8;
-    bits.cursor += fetch;
-    bits.left -= int32_t(fetch);
-    bits.curByte = fetch ? next : bits.curByte;
-    bits.position = int32_t(reach & 7u);
-}
-
 // Bits of a code word completed in a row of position 0: its next state,
 // which is 0 for a word that ends with the byte.
 inline uint32_t FaxWordBits(uint32_t entry) { return ((entry - 1) & 7u) + 1; }
@@ -150,26 +125,87 @@ inline int32_t FaxDecodeRunFrom(FaxBits &bits, int32_t colour, uint32_t sum) {
 
 inline int32_t FaxDecodeRun(FaxBits &bits, int32_t colour) { return FaxDecodeRunFrom(bits, colour, 0); }
 
-// The same result as FaxDecodeRun.  Code words of up to eight bits take one
-// look-up each in the next eight bits of the stream; a longer word, EOL, a
-// bad code or the strip's last byte go on the byte-by-byte way.  Faster
-// for the runs of horizontal mode; for the one-dimensional rows the
-// byte-by-byte way measured faster.
-inline int32_t FaxDecodeRunPeek(FaxBits &bits, int32_t colour) {
+// Up to 64 bits of the stream ahead, taken from it in whole bytes, for the
+// two-dimensional row decoder: a code word is looked up in the next eight
+// bits (acc's top byte) in a table's row of bit position 0 and, where a run
+// code is begun there, in the row of its begun state with the eight bits
+// after; the state tables are automata over the bits, so where the byte
+// boundaries fall does not change what they complete.  A code word is taken
+// only when all of its bits are there (n <= nb).  Before any other routine
+// reads the stream, FaxWindowSync gives back the bytes not used.
+struct FaxWindow {
+    uint64_t acc = 0;     // unread bits from the top; zeros behind the nb-th
+    int32_t nb = 0;       // unread bits in acc
+    int32_t fetched = 0;  // bytes taken from the stream since FaxWindowStart
+    bool on = false;      // the stream's state is in the window
+};
+
+// Takes the stream's state into the window: its unread bits of curByte.
+// Not for a state of a begun code word (position above 7).
+inline void FaxWindowStart(FaxWindow &w, const FaxBits &bits) {
+    w.fetched = 0;
+    w.on = uint32_t(bits.position) <= 7;
+    if (bits.position >= 1 && bits.position <= 7) {
+        w.nb = 8 - bits.position;
+        w.acc = uint64_t((bits.curByte << bits.position) & 0xFFu) << 56;
+    } else {
+        w.nb = 0;
+        w.acc = 0;
+    }
+}
+
+inline void FaxWindowFill(FaxWindow &w, FaxBits &bits) {
+    while (w.nb <= 56 && bits.left > 0) {
+        w.acc |= uint64_t(bits.byteMap[*bits.cursor++]) << (56 - w.nb);
+        w.nb += 8;
+        --bits.left;
+        ++w.fetched;
+    }
+}
+
+inline void FaxWindowTake(FaxWindow &w, uint32_t n) {
+    w.acc <<= n;
+    w.nb -= int32_t(n);
+}
+
+// Gives the whole unread bytes back to the stream and leaves curByte and
+// position as the byte-by-byte path would have them.
+inline void FaxWindowSync(FaxWindow &w, FaxBits &bits) {
+    if (!w.on) return;
+    w.on = false;
+    const int32_t back = w.nb >> 3;
+    const int32_t part = w.nb & 7;
+    bits.cursor -= back;
+    bits.left += back;
+    // A byte taken into the window and read (in part or whole) is curByte;
+    // with none, curByte is still the one the window started in.
+    if (w.fetched > back) bits.curByte = bits.byteMap[bits.cursor[-1]];
+    bits.position = part ? 8 - part : 0;
+}
+
+// A run from the window: its length, or -4 when the window can't tell (a
+// code of no run, EOL, too few bits): then sum holds the make-up codes taken
+// so far, and the byte-by-byte decoder goes on from there.
+inline int32_t FaxWindowRun(FaxWindow &w, FaxBits &bits, int32_t colour, uint32_t &sum) {
     const uint16_t *table = FaxRunTable.data();
-    uint32_t sum = 0;
-    while (bits.left > 0 && uint32_t(bits.position) <= 7) {
-        uint32_t used, next;
-        const uint32_t window = FaxPeek8(bits, used, next);
-        const uint32_t entry = FaxLookup(table, uint32_t(colour), window);
-        if ((entry >> 8) < FaxRunTerm) break;
-        FaxConsume(bits, used, next, FaxWordBits(entry));
+    sum = 0;
+    for (;;) {
+        if (w.nb < 32) FaxWindowFill(w, bits);
+        uint32_t entry = FaxLookup(table, uint32_t(colour), uint32_t(w.acc >> 56));
+        uint32_t n = 0;
+        if ((entry >> 8) == FaxRunNone) {
+            entry = FaxLookup(table, (entry & 0xFFu) + uint32_t(colour), uint32_t(w.acc >> 48) & 0xFFu);
+            n = 8;
+        }
+        if ((entry >> 8) < FaxRunTerm) return -4;
+        n += FaxWordBits(entry);
+        if (int32_t(n) > w.nb) return -4;
+        FaxWindowTake(w, n);
         const uint32_t v = (entry >> 8) - FaxRunTerm;
         if (v < 64) return int32_t(sum + v);
         sum += (v - 64) * 64;
         if (sum > FaxRunCeiling) sum = FaxRunCeiling;
     }
-    return FaxDecodeRunFrom(bits, colour, sum);
 }
 
 // The search of FaxFindZeros (skip 0x00) and FaxFindOnes (skip 0xFF).
