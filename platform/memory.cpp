@@ -83,13 +83,21 @@ struct Spare {
     size_t bytes;
 };
 
-// Mappings of freed small blocks are kept for reuse: a reader allocates and
-// frees the same working blocks strip after strip, and three system calls
-// per block would cost more than decoding the strip.  A kept mapping is
-// poisoned under AddressSanitizer, so a use after free is still reported
-// there; in a plain build it reads stale bytes instead of faulting.
-constexpr size_t MaxSpareMapping = size_t(256) << 10;
+// Mappings of freed blocks, of any size, are kept for reuse: a reader
+// allocates and frees the same working blocks strip after strip and the same
+// bitmap block image after image, and a fresh mapping costs three system
+// calls and a page fault for every page written, more than decoding a page
+// of fax.  A kept mapping is poisoned under AddressSanitizer, so a use after
+// free is still reported there; in a plain build it reads stale bytes
+// instead of faulting.  What is kept is bounded in count and in bytes; the
+// oldest spares are unmapped first.  A block takes a spare of at least its
+// mapping's size but no more than SpareWaste times it, so that a small
+// block does not take the room a large one would have reused; it is placed
+// at the top, against the guard page, and the unused pages below it stay
+// poisoned.
 constexpr size_t MaxSpares = 32;
+constexpr size_t MaxSpareBytes = size_t(64) << 20;
+constexpr size_t SpareWaste = 2;
 
 // All of it behind one lock.  Made on first use and never destroyed, so
 // that a block may be allocated or freed from a static constructor or
@@ -100,6 +108,7 @@ struct State {
     std::vector<uint32_t> freeSlots;
     std::unordered_map<uintptr_t, uint32_t> fixedSlots;  // address of a fixed block -> its slot
     std::vector<Spare> spares;                           // most recently freed last
+    size_t spareBytes = 0;                               // their total size
     uintptr_t searchCursor = LowStart;                   // where the fallback search goes on
     uintptr_t smallCursor = SmallTop;                    // the next small block ends here
 };
@@ -111,15 +120,49 @@ State &S() {
 
 std::atomic<int32_t> liveBlocks{0};
 
-uint8_t *TakeSpare(size_t bytes) {
-    std::vector<Spare> &spares = S().spares;
+// The smallest kept mapping of `bytes` to SpareWaste * `bytes` bytes,
+// taken out of the cache, or null.  Its `bytes` field gets its size.
+uint8_t *TakeSpare(size_t &bytes) {
+    State &s = S();
+    std::vector<Spare> &spares = s.spares;
+    size_t best = spares.size();
     for (size_t i = spares.size(); i-- > 0;) {
-        if (spares[i].bytes != bytes) continue;
-        uint8_t *mapping = spares[i].mapping;
-        spares.erase(spares.begin() + std::ptrdiff_t(i));
-        return mapping;
+        const size_t size = spares[i].bytes;
+        if (size < bytes || size / SpareWaste > bytes) continue;
+        if (best == spares.size() || size < spares[best].bytes) best = i;
+        if (size == bytes) break;
     }
-    return nullptr;
+    if (best == spares.size()) return nullptr;
+    uint8_t *mapping = spares[best].mapping;
+    bytes = spares[best].bytes;
+    s.spareBytes -= bytes;
+    spares.erase(spares.begin() + std::ptrdiff_t(best));
+    return mapping;
+}
+
+void Unmap(uint8_t *mapping, size_t bytes) {
+    TL_UNPOISON(mapping, bytes);  // the shadow outlives the mapping
+    munmap(mapping, bytes);
+}
+
+// Keeps a freed mapping for reuse, or unmaps it when it alone passes the
+// byte bound; older spares are unmapped to make room.
+void KeepSpare(uint8_t *mapping, size_t bytes) {
+    State &s = S();
+    if (bytes > MaxSpareBytes) {
+        Unmap(mapping, bytes);
+        return;
+    }
+    size_t drop = 0;
+    while (s.spares.size() - drop >= MaxSpares || s.spareBytes + bytes > MaxSpareBytes) {
+        Unmap(s.spares[drop].mapping, s.spares[drop].bytes);
+        s.spareBytes -= s.spares[drop].bytes;
+        ++drop;
+    }
+    s.spares.erase(s.spares.begin(), s.spares.begin() + std::ptrdiff_t(drop));
+    TL_POISON(mapping, bytes);
+    s.spares.push_back({mapping, bytes});
+    s.spareBytes += bytes;
 }
 
 size_t PageSize() {
@@ -241,7 +284,7 @@ void *Allocate(UINT flags, uintptr_t bytes) {
     const size_t page = PageSize();
     const size_t rounded = (size_t(bytes) + 15) & ~size_t(15);
     const size_t dataPages = (rounded + page - 1) & ~(page - 1);
-    const size_t mappingBytes = dataPages + page;
+    size_t mappingBytes = dataPages + page;  // a spare may be larger
 
     State &s = S();
     std::lock_guard<std::mutex> hold(s.lock);
@@ -269,7 +312,7 @@ void *Allocate(UINT flags, uintptr_t bytes) {
             return nullptr;
         }
     }
-    uint8_t *guard = mapping + dataPages;
+    uint8_t *guard = mapping + mappingBytes - page;
     uint8_t *data = guard - rounded;
     // A fresh mapping reads as zeros.  Without GMEM_ZEROINIT the content is
     // undefined, and a fill pattern makes reliance on zeros show; only the
@@ -351,13 +394,7 @@ void *Free(void *handle) {
         SetLastError(EINVAL);
         return handle;
     }
-    if (block->mappingBytes <= MaxSpareMapping && s.spares.size() < MaxSpares) {
-        TL_POISON(block->mapping, block->mappingBytes);
-        s.spares.push_back({block->mapping, block->mappingBytes});
-    } else {
-        TL_UNPOISON(block->mapping, block->mappingBytes);  // the shadow outlives the mapping
-        munmap(block->mapping, block->mappingBytes);
-    }
+    KeepSpare(block->mapping, block->mappingBytes);
     uint32_t slot = uint32_t(block - s.table.data());
     if (block->fixed) s.fixedSlots.erase(reinterpret_cast<uintptr_t>(block->data));
     uint32_t generation = block->generation == MaxGeneration ? 1 : block->generation + 1;

@@ -70,21 +70,57 @@ TEST(MovableMemory, LargeBlocksStayLow) {
 #endif
 
 TEST(MovableMemory, ReusedMemoryIsZeroedAgain) {
-    // Freed blocks may come back at the same place; GHND must still give zeros.
-    for (uintptr_t size : {100u, 4096u, 70000u}) {
+    // Freed blocks may come back at the same place, also in the room of a
+    // larger one (a bitmap of 1.1 MB, then a smaller page); GHND must still
+    // give zeros, and a reused block keeps the guarantees of a fresh one.
+    struct Case {
+        uintptr_t before, size;
+    };
+    const Case cases[] = {{100, 100},          {4096, 4096},        {70000, 70000},         {1088528, 1088528},
+                          {1088528, 1000000},  {1088528, 600000},   {3u << 20, (3u << 20) - 4096}, {8192, 5000}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(testing::Message() << c.before << " -> " << c.size);
         for (int round = 0; round < 3; round++) {
-            TL_HANDLE dirty = GlobalAlloc(GMEM_MOVEABLE, size);
-            std::memset(GlobalLock(dirty), 0xEE, size);
+            TL_HANDLE dirty = GlobalAlloc(GMEM_MOVEABLE, c.before);
+            std::memset(GlobalLock(dirty), 0xEE, c.before);
             GlobalUnlock(dirty);
             GlobalFree(dirty);
-            TL_HANDLE clean = GlobalAlloc(GHND, size);
+            TL_HANDLE clean = GlobalAlloc(GHND, c.size);
+            EXPECT_EQ(GlobalSize(clean), c.size);
             auto *bytes = static_cast<uint8_t *>(GlobalLock(clean));
-            std::vector<uint8_t> zeros(size, 0);
-            EXPECT_EQ(std::memcmp(bytes, zeros.data(), size), 0) << size;
+            ASSERT_NE(bytes, nullptr);
+            EXPECT_EQ(Value(bytes) % 16, 0u);
+            EXPECT_LE(Value(bytes) + c.size, uintptr_t(1) << 31);
+            std::vector<uint8_t> zeros(c.size, 0);
+            EXPECT_EQ(std::memcmp(bytes, zeros.data(), c.size), 0);
+            std::memset(bytes, 0x5A, c.size);
             GlobalUnlock(clean);
             GlobalFree(clean);
         }
     }
+}
+
+TEST(MovableMemory, ManyFreedLargeBlocksAreNotAllKept) {
+    // Blocks freed in a row, more and larger than the cache of freed
+    // mappings keeps, come back usable and zeroed.
+    test::LeakGuard guard;
+    std::vector<TL_HANDLE> blocks;
+    for (int i = 0; i < 40; i++) blocks.push_back(GlobalAlloc(GHND, uintptr_t(3) << 20));
+    for (TL_HANDLE block : blocks) {
+        ASSERT_NE(block, nullptr);
+        static_cast<uint8_t *>(GlobalLock(block))[0] = 1;
+        GlobalUnlock(block);
+    }
+    for (TL_HANDLE block : blocks) EXPECT_EQ(GlobalFree(block), nullptr);
+    EXPECT_TRUE(guard.Same());
+    for (int i = 0; i < 40; i++) {
+        TL_HANDLE block = GlobalAlloc(GHND, uintptr_t(2) << 20);
+        auto *bytes = static_cast<uint8_t *>(GlobalLock(block));
+        ASSERT_NE(bytes, nullptr);
+        EXPECT_EQ(bytes[0] | bytes[(uintptr_t(2) << 20) - 1], 0);
+        GlobalFree(block);
+    }
+    EXPECT_TRUE(guard.Same());
 }
 
 TEST(MovableMemory, LockCountsAndResults) {
@@ -192,11 +228,22 @@ TEST(MovableMemoryDeathTest, OverrunsAndUseAfterUnlockFault) {
     // A size that is a multiple of 16 ends at the guard page: one byte more faults in every build.
     for (uintptr_t size : {16u, 4096u, 8192u + 48u})
         EXPECT_DEATH(WriteAt(GlobalLock(GlobalAlloc(GHND, size)), size), "") << size;
+    // Also when the block reuses the mapping of a larger freed one.
+    EXPECT_DEATH(
+        {
+            GlobalFree(GlobalAlloc(GHND, 1088528));
+            WriteAt(GlobalLock(GlobalAlloc(GHND, 600000)), 600000);
+        },
+        "");
 #if TL_TEST_ASAN
     // The slack before the guard page, a block no longer locked (after one
     // unlock of two it still is), and a freed block.
     using Body = void (*)();
     const struct { Body body; const char *regex; } cases[] = {
+        {[] {  // the room below a block that reuses a larger mapping
+             GlobalFree(GlobalAlloc(GHND, 1088528));
+             WriteAt(static_cast<uint8_t *>(GlobalLock(GlobalAlloc(GHND, 600000))) - 1, 0);
+         }, "use-after-poison"},
         {[] { WriteAt(GlobalLock(GlobalAlloc(GHND, 13)), 13); }, "use-after-poison"},
         {[] {
              TL_HANDLE block = GlobalAlloc(GHND, 100);

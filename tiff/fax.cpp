@@ -175,27 +175,45 @@ inline void FaxEndRow1D(FaxBits &bits) {
 
 }  // namespace
 
+// A run from the window (fax_bits.h) where it can tell, else byte by byte,
+// the window given back first and taken up again after.
+static inline __attribute__((always_inline)) int32_t FaxRun1D(FaxWindow &w, FaxBits &bits, int32_t colour) {
+    uint32_t sum = 0;
+    int32_t run = w.on ? FaxWindowRun(w, bits, colour, sum) : -4;
+    if (run != -4) return run;
+    FaxWindowSync(w, bits);
+    run = FaxDecodeRunFrom(bits, colour, sum);
+    FaxWindowStart(w, bits);
+    return run;
+}
+
 // The row decoder works on a copy of the stream in locals, which writes to
-// the row (bytes, which may alias anything) can't force back to memory.
+// the row (bytes, which may alias anything) can't force back to memory.  The
+// runs come from a window of up to 64 bits of the stream, given back before
+// the row's end is searched for and on every exit.
 static inline __attribute__((always_inline)) int32_t FaxDecodeRow1DLocal(FaxBits &bits, uint8_t *row,
                                                                          int32_t width) {
     int32_t pos = 0;
     int32_t run;
+    FaxWindow w;
+    FaxWindowStart(w, bits);
     for (;;) {
-        run = FaxDecodeRun(bits, 0);
+        run = FaxRun1D(w, bits, 0);
         if (run < 0) break;
         // Compared as width - pos, never as pos + run, so that no sum wraps.
         if (run >= width - pos) {
             pos = width;  // the codes behind this run aren't part of the row
+            FaxWindowSync(w, bits);
             FaxEndRow1D(bits);
             return 1;
         }
         pos += run;
-        run = FaxDecodeRun(bits, FaxBlack);
+        run = FaxRun1D(w, bits, FaxBlack);
         if (run < 0) break;
         if (run > 0) {
             if (run >= width - pos) {
                 FaxBlackSpan(row, pos, width, (width - 1) >> 3);  // clipped at the row's end
+                FaxWindowSync(w, bits);
                 FaxEndRow1D(bits);
                 return 1;
             }
@@ -203,6 +221,7 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeRow1DLocal(FaxBits
             pos += run;
         }
     }
+    FaxWindowSync(w, bits);
     if (run == -3) return -3;
     if (run == -1) return 1;  // EOL inside the row: the rest stays white
     FaxReportUnexpectedCode();

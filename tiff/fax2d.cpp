@@ -70,8 +70,10 @@ inline void FaxRunTo(uint8_t *row, int32_t a0, int32_t to, int32_t colour, int32
     const int32_t count = (to - start) & -int32_t(colour != 0 && to > start);
     const int32_t k = start & 7;
     const int32_t b = start >> 3;
-    if (k + count <= 16) {
-        const int32_t lastByte = (width - 1) >> 3;
+    const int32_t lastByte = (width - 1) >> 3;
+    if (k + count < 64 && b + 8 <= lastByte + 1) {
+        FaxOr64(row + b, FaxSpanMask64(k, k + count));
+    } else if (k + count <= 16) {
         const uint32_t mask = (0xFFFFu >> k) & ~(0xFFFFu >> (k + count));
         row[b] |= uint8_t(mask >> 8);
         row[b < lastByte ? b + 1 : b] |= uint8_t(mask);
@@ -98,24 +100,41 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeRow2DLocal(FaxBits
     // A state of a begun code of another table is left only when the data
     // ran out; it is read as "byte used up".
     if (bits.position >= int32_t(FaxModeRows)) bits.position = 0;
+    FaxWindow w;
     for (;;) {
-        // One mode code: a look-up per byte it touches.
-        uint32_t s = uint32_t(bits.position);
-        uint32_t entry;
-        for (;;) {
-            if (s == 0 || s > 7) {
-                if (!FaxFetchByte(bits)) {
-                    bits.position = int32_t(s);
-                    FaxReportUnexpectedCode();
-                    return -3;
-                }
+        // One mode code: pass, horizontal and vertical codes (up to seven
+        // bits) by one look-up in the window; the others, and the strip's
+        // last bits, a look-up per byte the code touches.
+        if (!w.on) FaxWindowStart(w, bits);
+        uint32_t action = 0;
+        if (w.on) {
+            if (w.nb < 32) FaxWindowFill(w, bits);
+            const uint32_t entry = FaxLookup(modes, 0, uint32_t(w.acc >> 56));
+            const uint32_t n = FaxWordBits(entry);
+            if ((entry >> 8) - FaxModePass <= FaxModeVertical0 + 3 - FaxModePass && int32_t(n) <= w.nb) {
+                action = entry >> 8;
+                FaxWindowTake(w, n);
             }
-            entry = FaxLookup(modes, s, bits.curByte);
-            s = entry & 0xFFu;
-            if (entry >> 8) break;
         }
-        bits.position = int32_t(s);
-        uint32_t action = entry >> 8;
+        if (action == 0) {
+            FaxWindowSync(w, bits);
+            uint32_t s = uint32_t(bits.position);
+            uint32_t entry;
+            for (;;) {
+                if (s == 0 || s > 7) {
+                    if (!FaxFetchByte(bits)) {
+                        bits.position = int32_t(s);
+                        FaxReportUnexpectedCode();
+                        return -3;
+                    }
+                }
+                entry = FaxLookup(modes, s, bits.curByte);
+                s = entry & 0xFFu;
+                if (entry >> 8) break;
+            }
+            bits.position = int32_t(s);
+            action = entry >> 8;
+        }
         if (action >= 3 && action <= 9) {
             // Vertical: a1 = b1 + action - 6; the run up to a1 has colour.
             int32_t a1 = FaxFindB1(ref, a0, colour, width) + int32_t(action) - 6;
@@ -123,8 +142,18 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeRow2DLocal(FaxBits
             a0 = a1;  // may move back by up to three pixels; set pixels stay
             colour ^= 1;
         } else if (action == FaxModeHorizontal) {
-            int32_t first = FaxDecodeRun(bits, colour ? FaxBlack : 0);
-            int32_t second = FaxDecodeRun(bits, colour ? 0 : FaxBlack);
+            uint32_t sum = 0;
+            int32_t first = w.on ? FaxWindowRun(w, bits, colour ? FaxBlack : 0, sum) : -4;
+            if (first == -4) {
+                FaxWindowSync(w, bits);
+                first = FaxDecodeRunFrom(bits, colour ? FaxBlack : 0, sum);
+            }
+            sum = 0;
+            int32_t second = w.on ? FaxWindowRun(w, bits, colour ? 0 : FaxBlack, sum) : -4;
+            if (second == -4) {
+                FaxWindowSync(w, bits);
+                second = FaxDecodeRunFrom(bits, colour ? 0 : FaxBlack, sum);
+            }
             if (first >= 0 && second >= 0) {
                 if (a0 < 0) a0 = 0;
                 if (first > width - a0) first = width - a0;
@@ -180,7 +209,10 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeRow2DLocal(FaxBits
             FaxReportUnexpectedCode();  // an action the table doesn't give
             return 0;
         }
-        if (a0 >= width) return FaxEndRow2D(bits, a0, width);
+        if (a0 >= width) {
+            FaxWindowSync(w, bits);
+            return FaxEndRow2D(bits, a0, width);
+        }
     }
 }
 

@@ -90,12 +90,17 @@ inline uint32_t FaxReadTagBit(FaxBits &bits) {
     return bit;
 }
 
-inline int32_t FaxDecodeRun(FaxBits &bits, int32_t colour) {
+// Bits of a code word completed in a row of position 0: its next state,
+// which is 0 for a word that ends with the byte.
+inline uint32_t FaxWordBits(uint32_t entry) { return ((entry - 1) & 7u) + 1; }
+
+// Run decoding a look-up per byte touched, the sum of make-up codes so far
+// carried in.
+inline int32_t FaxDecodeRunFrom(FaxBits &bits, int32_t colour, uint32_t sum) {
     const uint16_t *table = FaxRunTable.data();
     // A larger state is a mode or uncompressed code cut off by the end of the
     // data; nothing of it belongs to a run, and the next read fetches.
     uint32_t s = (bits.position > 0 && bits.position <= 7) ? uint32_t(bits.position) : 0u;
-    uint32_t sum = 0;
     for (;;) {
         uint32_t entry = 0;
         if (s != 0) {
@@ -114,6 +119,91 @@ inline int32_t FaxDecodeRun(FaxBits &bits, int32_t colour) {
         // A chain of make-up codes has no bound but the data; the sum is
         // held at FaxRunCeiling, past every width, and so cannot wrap.
         sum += uint32_t(v - 64) * 64;
+        if (sum > FaxRunCeiling) sum = FaxRunCeiling;
+    }
+}
+
+inline int32_t FaxDecodeRun(FaxBits &bits, int32_t colour) { return FaxDecodeRunFrom(bits, colour, 0); }
+
+// Up to 64 bits of the stream ahead, taken from it in whole bytes, for the
+// two-dimensional row decoder: a code word is looked up in the next eight
+// bits (acc's top byte) in a table's row of bit position 0 and, where a run
+// code is begun there, in the row of its begun state with the eight bits
+// after; the state tables are automata over the bits, so where the byte
+// boundaries fall does not change what they complete.  A code word is taken
+// only when all of its bits are there (n <= nb).  Before any other routine
+// reads the stream, FaxWindowSync gives back the bytes not used.
+struct FaxWindow {
+    uint64_t acc = 0;     // unread bits from the top; zeros behind the nb-th
+    int32_t nb = 0;       // unread bits in acc
+    int32_t fetched = 0;  // bytes taken from the stream since FaxWindowStart
+    bool on = false;      // the stream's state is in the window
+};
+
+// Takes the stream's state into the window: its unread bits of curByte.
+// Not for a state of a begun code word (position above 7).
+inline void FaxWindowStart(FaxWindow &w, const FaxBits &bits) {
+    w.fetched = 0;
+    w.on = uint32_t(bits.position) <= 7;
+    if (bits.position >= 1 && bits.position <= 7) {
+        w.nb = 8 - bits.position;
+        w.acc = uint64_t((bits.curByte << bits.position) & 0xFFu) << 56;
+    } else {
+        w.nb = 0;
+        w.acc = 0;
+    }
+}
+
+inline void FaxWindowFill(FaxWindow &w, FaxBits &bits) {
+    while (w.nb <= 56 && bits.left > 0) {
+        w.acc |= uint64_t(bits.byteMap[*bits.cursor++]) << (56 - w.nb);
+        w.nb += 8;
+        --bits.left;
+        ++w.fetched;
+    }
+}
+
+inline void FaxWindowTake(FaxWindow &w, uint32_t n) {
+    w.acc <<= n;
+    w.nb -= int32_t(n);
+}
+
+// Gives the whole unread bytes back to the stream and leaves curByte and
+// position as the byte-by-byte path would have them.
+inline void FaxWindowSync(FaxWindow &w, FaxBits &bits) {
+    if (!w.on) return;
+    w.on = false;
+    const int32_t back = w.nb >> 3;
+    const int32_t part = w.nb & 7;
+    bits.cursor -= back;
+    bits.left += back;
+    // A byte taken into the window and read (in part or whole) is curByte;
+    // with none, curByte is still the one the window started in.
+    if (w.fetched > back) bits.curByte = bits.byteMap[bits.cursor[-1]];
+    bits.position = part ? 8 - part : 0;
+}
+
+// A run from the window: its length, or -4 when the window can't tell (a
+// code of no run, EOL, too few bits): then sum holds the make-up codes taken
+// so far, and the byte-by-byte decoder goes on from there.
+inline int32_t FaxWindowRun(FaxWindow &w, FaxBits &bits, int32_t colour, uint32_t &sum) {
+    const uint16_t *table = FaxRunTable.data();
+    sum = 0;
+    for (;;) {
+        if (w.nb < 32) FaxWindowFill(w, bits);
+        uint32_t entry = FaxLookup(table, uint32_t(colour), uint32_t(w.acc >> 56));
+        uint32_t n = 0;
+        if ((entry >> 8) == FaxRunNone) {
+            entry = FaxLookup(table, (entry & 0xFFu) + uint32_t(colour), uint32_t(w.acc >> 48) & 0xFFu);
+            n = 8;
+        }
+        if ((entry >> 8) < FaxRunTerm) return -4;
+        n += FaxWordBits(entry);
+        if (int32_t(n) > w.nb) return -4;
+        FaxWindowTake(w, n);
+        const uint32_t v = (entry >> 8) - FaxRunTerm;
+        if (v < 64) return int32_t(sum + v);
+        sum += (v - 64) * 64;
         if (sum > FaxRunCeiling) sum = FaxRunCeiling;
     }
 }
@@ -164,6 +254,18 @@ inline int32_t FaxFindSpan(const uint8_t *line, int32_t start, int32_t end) {
     return r + (last < n ? last : n);
 }
 
+// Bits k .. reach - 1 (k <= reach < 64) from the top of a 64-bit word.
+inline uint64_t FaxSpanMask64(int32_t k, int32_t reach) { return (~uint64_t(0) >> k) & ~(~uint64_t(0) >> reach); }
+
+// ORs the pixels of mask (first pixel in the top bit) into the 8 bytes at p.
+inline void FaxOr64(uint8_t *p, uint64_t mask) {
+    if constexpr (std::endian::native == std::endian::little) mask = __builtin_bswap64(mask);
+    uint64_t v;
+    std::memcpy(&v, p, 8);
+    v |= mask;
+    std::memcpy(p, &v, 8);
+}
+
 // Sets pixels start .. end - 1 (end > start, end <= width) of a row whose
 // last byte is row[lastByte].  A span within two bytes, the common case, is
 // two ORs with no test of its length: where the span ends in the row's last
@@ -172,7 +274,9 @@ inline void FaxBlackSpan(uint8_t *row, int32_t start, int32_t end, int32_t lastB
     const int32_t k = start & 7;
     const int32_t b = start >> 3;
     const int32_t reach = k + (end - start);  // bits from the top of row[b]
-    if (reach <= 16) {
+    if (reach < 64 && b + 8 <= lastByte + 1) {
+        FaxOr64(row + b, FaxSpanMask64(k, reach));
+    } else if (reach <= 16) {
         const uint32_t mask = (0xFFFFu >> k) & ~(0xFFFFu >> reach);
         const int32_t next = b < lastByte ? b + 1 : b;
         row[b] |= uint8_t(mask >> 8);
