@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstddef>
 #include <cstring>
 
 inline uint16_t LoadU16(const void *p) {
@@ -25,4 +26,16 @@ inline void StoreU32(void *p, uint32_t v) {
     b[1] = uint8_t(v >> 8);
     b[2] = uint8_t(v >> 16);
     b[3] = uint8_t(v >> 24);
+}
+
+// Complements `count` bytes in place, a 64-bit word at a time.
+inline void ComplementBytes(uint8_t *bytes, uint64_t count) {
+    uint64_t i = 0;
+    for (; i + 8 <= count; i += 8) {
+        uint64_t word;
+        std::memcpy(&word, bytes + i, 8);
+        word = ~word;
+        std::memcpy(bytes + i, &word, 8);
+    }
+    for (; i < count; ++i) bytes[i] = uint8_t(~bytes[i]);
 }

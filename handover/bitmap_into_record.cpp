@@ -151,7 +151,7 @@ TL_HANDLE BitmapIntoRecord(void *record, int32_t variant, TL_HANDLE bitmap) {
     }
     // Any other depth: no pixel is written and the rows stay zero.
 
-    if (invert) InvertBytes(raster + 4, total);
+    if (invert) ComplementBytes(raster + 4, total);
     StoreU16(raster, uint16_t(rows));
     StoreU16(raster + 2, uint16_t(width));
     WriteRecord(record, address);

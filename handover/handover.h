@@ -57,5 +57,3 @@ std::array<uint8_t, 16> DarkTable(const uint8_t *palette, uint32_t entries);
 // Whether one palette colour is dark by the table's rule.
 bool IsDarkColour(uint8_t blue, uint8_t green, uint8_t red);
 
-// Complements `count` bytes, a word at a time.
-void InvertBytes(uint8_t *bytes, uint64_t count);

@@ -45,17 +45,6 @@ void ReverseRows(uint8_t *rows, uint32_t count, uint32_t stride, uint8_t *rowBuf
 
 }  // namespace
 
-void InvertBytes(uint8_t *bytes, uint64_t count) {
-    uint64_t i = 0;
-    for (; i + 8 <= count; i += 8) {
-        uint64_t word;
-        std::memcpy(&word, bytes + i, 8);
-        word = ~word;
-        std::memcpy(bytes + i, &word, 8);
-    }
-    for (; i < count; ++i) bytes[i] = uint8_t(~bytes[i]);
-}
-
 bool RecordAddress(const void *address, uint32_t *out) {
     const uintptr_t value = reinterpret_cast<uintptr_t>(address);
     // The record holds 32-bit addresses, and the first row's address is the
@@ -143,7 +132,7 @@ TL_HANDLE ImageIntoRecord(void *record, char selector, char *name, int32_t image
     uint8_t *pixels = base + std::min(pixelOffset, blockBytes);
 
     // After this a set bit means the darker of the first two palette entries.
-    if (invert) InvertBytes(pixels, workBytes);
+    if (invert) ComplementBytes(pixels, workBytes);
 
     // The one-row block; a zero-width image still gets one byte, so that it
     // passes as an empty raster rather than as a failed allocation.

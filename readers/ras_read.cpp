@@ -100,17 +100,6 @@ void CopyShiftedRow(uint8_t *dst, const uint8_t *src, int shift, int64_t count) 
     for (; i < count; ++i) dst[i] = uint8_t((src[i] << shift) | (src[i + 1] >> (8 - shift)));
 }
 
-void InvertBytes(uint8_t *p, int64_t count) {
-    int64_t i = 0;
-    for (; i + 8 <= count; i += 8) {
-        uint64_t v;
-        memcpy(&v, p + i, 8);
-        v = ~v;
-        memcpy(p + i, &v, 8);
-    }
-    for (; i < count; ++i) p[i] = uint8_t(~p[i]);
-}
-
 // Stored rows into the block's rows.  The block is zero-filled, so every
 // destination row starts clear and bytes past Cols stay 0.
 void RasConvertPixels(uint8_t *rows, const uint8_t *source, int64_t stride) {
@@ -141,7 +130,7 @@ void RasConvertPixels(uint8_t *rows, const uint8_t *source, int64_t stride) {
     }
     // A "bimp" stores 1-bit pixels inverted: invert the whole image, the
     // fill bits at the end of every row with it.
-    if (s.Bits == 1 && s.Variant == 'b') InvertBytes(rows, stride * s.Rows);
+    if (s.Bits == 1 && s.Variant == 'b') ComplementBytes(rows, uint64_t(stride) * uint64_t(s.Rows));
 }
 
 // ---- the steps of a call ----

@@ -76,23 +76,6 @@ uint64_t StripByteCeiling() {
     return fileLength > image ? fileLength : image;
 }
 
-// Complements `bytes` bytes (a multiple of 4) a word at a time.
-void Complement(uint8_t *p, uint32_t bytes) {
-    uint32_t i = 0;
-    for (; i + 8 <= bytes; i += 8) {
-        uint64_t w;
-        std::memcpy(&w, p + i, 8);
-        w = ~w;
-        std::memcpy(p + i, &w, 8);
-    }
-    for (; i + 4 <= bytes; i += 4) {
-        uint32_t w;
-        std::memcpy(&w, p + i, 4);
-        w = ~w;
-        std::memcpy(p + i, &w, 4);
-    }
-}
-
 void FormatRowMessage(const char *format, uint32_t row) {
     wsprintfA(TiffImage.messageBuffer, format, row);
     ReportError(ReadTitle, TiffImage.messageBuffer, 0);
@@ -164,7 +147,7 @@ TL_HANDLE ReadTIF(const char *name, int32_t imageNumber) {
                 StoreU32(bits + 32, 2);
                 StoreU32(bits + 36, 0);
                 bits[40] = bits[41] = bits[42] = 255;  // entry 0 white; entry 1 stays black
-                if (TiffPhotometric() == 1) Complement(bits + HeaderBytes, uint32_t(sizeImage));
+                if (TiffPhotometric() == 1) ComplementBytes(bits + HeaderBytes, sizeImage);
             }
         }
     }
