@@ -21,7 +21,10 @@ namespace {
 
 const char *const FaxBlockLabel = "TIFFDFAX STARTCCITT fax3_h_sp";
 
-// The stream of the current strip, taken from and given back to the statics.
+bool HasReferenceLine() { return (TiffImage.group3Options & 1u) != 0 || faxScheme == TiffCompressionCcittG4; }
+
+}  // namespace
+
 FaxBits LoadBits() {
     FaxBits bits;
     bits.cursor = TiffImage.rawCursor;
@@ -38,10 +41,6 @@ void StoreBits(const FaxBits &bits) {
     faxState->curByte = uint16_t(bits.curByte);
     faxState->position = int16_t(bits.position);
 }
-
-bool HasReferenceLine() { return (TiffImage.group3Options & 1u) != 0 || faxScheme == TiffCompressionCcittG4; }
-
-}  // namespace
 
 void FaxReportUnexpectedCode() {
     // A damaged stream reports on every later row; once nobody can hear it,

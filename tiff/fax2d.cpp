@@ -230,12 +230,7 @@ int32_t FaxDecodeRowsG4(uint8_t *row, int32_t size) {
     const int32_t width = int32_t(faxState->rowPixels);
     if (rowBytes == 0) return 1;
     uint8_t *ref = faxState->refLine;
-    FaxBits bits;
-    bits.cursor = TiffImage.rawCursor;
-    bits.left = TiffImage.rawLeft;
-    bits.curByte = faxState->curByte;
-    bits.position = faxState->position;
-    bits.byteMap = faxState->byteMap;
+    FaxBits bits = LoadBits();
     int32_t result = 1;
     while (uint32_t(size) >= rowBytes) {
         int32_t rowResult = FaxDecodeRow2D(bits, row, ref, width);
@@ -248,9 +243,6 @@ int32_t FaxDecodeRowsG4(uint8_t *row, int32_t size) {
         size -= int32_t(rowBytes);
         if (size != 0) ++TiffImage.currentRow;
     }
-    TiffImage.rawCursor = const_cast<uint8_t *>(bits.cursor);
-    TiffImage.rawLeft = bits.left;
-    faxState->curByte = uint16_t(bits.curByte);
-    faxState->position = int16_t(bits.position);
+    StoreBits(bits);
     return result;
 }

@@ -23,6 +23,11 @@ struct FaxBits {
     const uint8_t *byteMap;  // the bit order of the strip
 };
 
+// The stream of the current strip, taken from the statics (the strip
+// cursor and the record's byte in hand) and given back to them.
+FaxBits LoadBits();
+void StoreBits(const FaxBits &bits);
+
 // The widest row the decoders take.  Run lengths are held below
 // FaxRunCeiling, which is above every width, so that a0 + run and the
 // make-up sum of a run cannot overflow.
