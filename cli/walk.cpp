@@ -38,8 +38,11 @@ std::string NumberedName(const std::string &out, int32_t number) {
     size_t slash = out.find_last_of('/');
     size_t dot = out.find_last_of('.');
     bool hasExtension = dot != std::string::npos && dot > 0 && (slash == std::string::npos || dot > slash + 1);
-    std::string tag = "-" + std::to_string(number);
-    return hasExtension ? out.substr(0, dot) + tag + out.substr(dot) : out + tag;
+    std::string name = hasExtension ? out.substr(0, dot) : out;
+    name += '-';
+    name += std::to_string(number);
+    if (hasExtension) name += out.substr(dot);
+    return name;
 }
 
 int32_t CountImages(const char *file) {

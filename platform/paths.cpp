@@ -54,8 +54,11 @@ char *_fullpath(char *buffer, const char *name, size_t size) {
         at = slash + 1;
     }
     std::string result;
-    for (const std::string &part : parts) result += "/" + part;
-    if (result.empty()) result = "/";
+    for (const std::string &part : parts) {
+        result += '/';
+        result += part;
+    }
+    if (result.empty()) result.push_back('/');
     if (result.size() + 1 > size) {
         errno = ERANGE;
         return nullptr;
