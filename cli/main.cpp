@@ -51,7 +51,8 @@ int Info(int count, char **files) {
             // A RAS file may hold several images; the size above is image 0's.
             int32_t images = cli::CountImages(path.c_str());
             if (images < 0) status = 1;
-            printf(", %d images", images < 0 ? 0 : images);
+            if (images < 0) images = 0;
+            printf(", %d image%s", images, images == 1 ? "" : "s");
         }
         printf("\n");
     }

@@ -36,7 +36,7 @@ expect 0 "$tool" convert "$fixtures/pcx/netpbm_4plane.pcx" "$out/colours16.ppm"
 
 expect 0 "$tool" info "$samples/multi.ras" "$samples/colour16.ras"
 grep -q "multi.ras: RAS, 265 x 94, 1 bpp, 2 colours, 0 x 0 pixels/m, 3 images" "$out/stdout" || { echo "FAIL: RAS info line"; cat "$out/stdout"; fail=1; }
-grep -q "colour16.ras: RAS, 96 x 40, 4 bpp, 16 colours, 0 x 0 pixels/m, 1 images" "$out/stdout" || { echo "FAIL: RAS info line"; cat "$out/stdout"; fail=1; }
+grep -q "colour16.ras: RAS, 96 x 40, 4 bpp, 16 colours, 0 x 0 pixels/m, 1 image" "$out/stdout" || { echo "FAIL: RAS info line"; cat "$out/stdout"; fail=1; }
 
 # --all walks the file: one output per image, numbered before the extension.
 expect 0 "$tool" convert "$samples/multi.ras" "$out/page.pbm" --all
