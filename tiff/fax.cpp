@@ -12,6 +12,7 @@
 #include "services/errors.h"
 #include "tiff/directory.h"
 #include "tiff/fax_bits.h"
+#include "tiff/fax_changes.h"
 #include "tiff/lines.h"
 
 FaxState *faxState = nullptr;
@@ -68,6 +69,12 @@ int32_t FaxPrepareStrip() {
         // Record, guard byte, reference line, and FaxRefSlack zero bytes
         // that the reference line's cursor may read behind its end.
         if (withRef && !checked::Add(size + 1 + FaxRefSlack, TiffImage.scanlineSize, &size)) return 0;
+        // Then, for rows narrow enough (so that no sum here can wrap), the
+        // words of FaxRenderChanges and the two lists of changes.
+        const bool withChanges = width <= FaxChangesMaxWidth;
+        const uint32_t wordsAt = (size + 7) & ~7u;
+        const uint32_t changesAt = wordsAt + 8 * FaxRenderWords(TiffImage.scanlineSize);
+        if (withChanges) size = changesAt + 2 * 4 * FaxChangesStride(width);
         if (!BlockAlloc(&TiffImage.ccittBlock, 0, 1, size, FaxBlockLabel)) return 0;
         auto *base = static_cast<uint8_t *>(BlockLock(&TiffImage.ccittBlock));
         if (base == nullptr) {
@@ -85,11 +92,26 @@ int32_t FaxPrepareStrip() {
         } else {
             faxState->refLine = nullptr;
         }
+        if (withChanges) {
+            faxState->refChanges = reinterpret_cast<int32_t *>(base + changesAt) + 1;
+            faxState->curChanges = faxState->refChanges + FaxChangesStride(width);
+            faxState->refChanges[-1] = faxState->curChanges[-1] = -1;
+            faxState->renderWords = reinterpret_cast<uint64_t *>(base + wordsAt);
+            std::memset(faxState->renderWords, 0, 8 * FaxRenderWords(TiffImage.scanlineSize));
+        } else {
+            faxState->refChanges = faxState->curChanges = nullptr;
+            faxState->renderWords = nullptr;
+        }
     }
     faxState->position = 0;
     faxState->curByte = 0;
     faxState->nextIs2D = 0;
     if (faxState->refLine != nullptr) std::memset(faxState->refLine, 0, faxState->rowBytes);
+    // A strip starts against a white line.
+    if (faxState->refChanges != nullptr)
+        FaxCloseChanges(faxState->refChanges, faxState->refChanges, 0, int32_t(faxState->rowPixels));
+    faxState->refLineStale = 0;
+    faxState->rowFromBitmap = 0;
     if (faxScheme != TiffCompressionCcittG3) return 1;
     FaxBits bits = LoadBits();
     FaxSkipToEol(bits, 0);
@@ -235,32 +257,118 @@ int32_t FaxDecodeRow1D(FaxBits &bits, uint8_t *row, int32_t width) {
     return result;
 }
 
+// FaxDecodeRow1D into a list of changes (fax_changes.h): the same codes,
+// reports and results.
+static inline __attribute__((always_inline)) int32_t FaxDecodeChanges1DLocal(FaxBits &bits, int32_t *changes,
+                                                                             int32_t width) {
+    int32_t *end = changes;
+    int32_t pos = 0;
+    int32_t run;
+    int32_t result;
+    FaxWindow w;
+    FaxWindowStart(w, bits);
+    for (;;) {
+        run = FaxRun1D(w, bits, 0);
+        if (run < 0) break;
+        if (run >= width - pos) {  // compared so, no sum can wrap
+            pos = width;
+            FaxWindowSync(w, bits);
+            FaxEndRow1D(bits);
+            FaxCloseChanges(end, changes, pos, width);
+            return 1;
+        }
+        pos += run;
+        end = FaxPushChange(end, pos);
+        run = FaxRun1D(w, bits, FaxBlack);
+        if (run < 0) break;
+        if (run >= width - pos) {  // clipped at the row's end
+            pos = width;
+            end = FaxPushChange(end, pos);
+            FaxWindowSync(w, bits);
+            FaxEndRow1D(bits);
+            FaxCloseChanges(end, changes, pos, width);
+            return 1;
+        }
+        pos += run;
+        end = FaxPushChange(end, pos);
+    }
+    FaxWindowSync(w, bits);
+    if (run == -3) {
+        result = -3;
+    } else if (run == -1) {
+        result = 1;  // EOL inside the row: the rest stays white
+    } else {
+        FaxReportUnexpectedCode();
+        FaxEndRow1D(bits);
+        result = pos == width ? 1 : -1;
+    }
+    FaxCloseChanges(end, changes, pos, width);
+    return result;
+}
+
+int32_t FaxDecodeChanges1D(FaxBits &bits, int32_t *changes, int32_t width) {
+    FaxBits local = bits;
+    int32_t result = FaxDecodeChanges1DLocal(local, changes, width);
+    bits = local;
+    return result;
+}
+
+int32_t FaxDecodeRow(FaxBits &bits, uint8_t *row, bool twoDimensional) {
+    FaxState &f = *faxState;
+    const auto width = int32_t(f.rowPixels);
+    f.rowFromBitmap = 0;
+    if (f.curChanges != nullptr) {
+        const FaxBits start = bits;
+        const int32_t result = twoDimensional ? FaxDecodeChanges2D(bits, f.refChanges, f.curChanges, width)
+                                              : FaxDecodeChanges1D(bits, f.curChanges, width);
+        if (result != FaxRowToBitmap) {
+            FaxRenderChanges(row, f.rowBytes, f.curChanges, width, f.renderWords);
+            return result;
+        }
+        // Again from the row's start, into the bitmap against refLine.
+        bits = start;
+        if (f.refLineStale) FaxRenderChanges(f.refLine, f.rowBytes, f.refChanges, width, f.renderWords);
+        f.refLineStale = 0;
+        f.rowFromBitmap = 1;
+    }
+    std::memset(row, 0, f.rowBytes);
+    return twoDimensional ? FaxDecodeRow2D(bits, row, f.refLine, width) : FaxDecodeRow1D(bits, row, width);
+}
+
+void FaxAdvanceReference(const uint8_t *row) {
+    FaxState &f = *faxState;
+    if (f.curChanges == nullptr || f.rowFromBitmap) {
+        if (f.refLine != nullptr) std::memcpy(f.refLine, row, f.rowBytes);
+        if (f.curChanges != nullptr) FaxChangesOfLine(f.refLine, f.curChanges, int32_t(f.rowPixels));
+        f.refLineStale = 0;
+    } else {
+        f.refLineStale = 1;
+    }
+    if (f.curChanges != nullptr) std::swap(f.refChanges, f.curChanges);
+}
+
 int32_t FaxDecodeRows(uint8_t *row, int32_t size) {
-    if (size > 0) std::memset(row, 0, size_t(size));
-    if (size < 1 || faxState == nullptr) return 1;
+    if (size < 1 || faxState == nullptr || faxState->rowBytes == 0) {
+        if (size > 0) std::memset(row, 0, size_t(size));
+        return 1;
+    }
     const uint32_t rowBytes = faxState->rowBytes;
-    const int32_t width = int32_t(faxState->rowPixels);
     const bool tagged = (TiffImage.group3Options & 1u) != 0;
     // A row takes rowBytes bytes; a size that holds no whole row more ends
     // the call, so that no row is written past the caller's buffer.
-    if (rowBytes == 0) return 1;
     FaxBits bits = LoadBits();
     while (uint32_t(size) >= rowBytes) {
-        int32_t result = faxState->nextIs2D ? FaxDecodeRow2D(bits, row, faxState->refLine, width)
-                                             : FaxDecodeRow1D(bits, row, width);
-        if (result == -3) break;
-        if (tagged) {
-            if (FaxReadTagBit(bits) == 0) {
-                faxState->nextIs2D = 1;
-                std::memcpy(faxState->refLine, row, rowBytes);
-            } else {
-                faxState->nextIs2D = 0;
-            }
-        }
+        int32_t result = FaxDecodeRow(bits, row, faxState->nextIs2D != 0);
         row += rowBytes;
         size -= int32_t(rowBytes);
+        if (result == -3) break;
+        if (tagged) {
+            faxState->nextIs2D = FaxReadTagBit(bits) == 0 ? 1 : 0;
+            FaxAdvanceReference(row - rowBytes);
+        }
         if (size != 0) ++TiffImage.currentRow;
     }
+    if (size > 0) std::memset(row, 0, size_t(size));
     StoreBits(bits);
     return 1;
 }

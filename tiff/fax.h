@@ -31,6 +31,14 @@ struct FaxState {
     uint32_t nextIs2D;       // 1: the next row of FaxDecodeRows is two-dimensional
     const uint8_t *byteMap;  // BitOrderTable(fillOrder != 1)
     uint8_t *refLine;        // reference line, behind the guard byte; null if none
+    // The rows as lists of changing elements (see fax_changes.h), for rows
+    // of up to FaxChangesMaxWidth pixels; both null for wider rows, which
+    // are decoded into the bitmap and against refLine alone.
+    int32_t *refChanges;     // the reference line's changes, closed by sentinels
+    int32_t *curChanges;     // the changes of the row under decoding
+    uint64_t *renderWords;   // 0 between rows: FaxRenderChanges' words
+    uint32_t refLineStale;   // 1: refLine does not hold refChanges' pixels yet
+    uint32_t rowFromBitmap;  // 1: the last row was decoded against refLine
 };
 
 extern FaxState *faxState;  // null while no record exists
@@ -48,6 +56,15 @@ constexpr uint16_t FaxTableKey(uint32_t r) { return uint16_t(((~r & 0xFFu) << 8)
 extern const std::array<uint16_t, FaxRunRows * 256> FaxRunTable;
 extern const std::array<uint16_t, FaxModeRows * 256> FaxModeTable;
 extern const std::array<uint16_t, FaxUncompressedRows * 256> FaxUncompressedTable;
+
+// Look-up tables of the fast path, built from the same code words: run
+// codes by colour (0 white, 1 black) in the next 8 bits, and the longer
+// ones in the next 13; mode codes of up to 7 bits in the next 7.  A run
+// entry is run * 16 + bits, a mode entry action * 8 + bits; 0 where the
+// state tables must decide.
+extern const std::array<uint16_t, 2 * 256> FaxRunFirst;
+extern const std::array<uint16_t, 2 * 8192> FaxRunLong;
+extern const std::array<uint8_t, 128> FaxModeFirst;
 
 // FaxRunTable actions.
 constexpr uint32_t FaxRunNone = 0;      // no code word completed in this byte

@@ -13,6 +13,7 @@
 #include "tiff/directory.h"
 #include "tiff/fax.h"
 #include "tiff/fax_bits.h"
+#include "tiff/fax_changes.h"
 
 namespace {
 
@@ -94,7 +95,6 @@ inline int32_t FaxEndRow2D(FaxBits &bits, int32_t a0, int32_t width) {
 // the row (bytes, which may alias anything) can't force back to memory.
 static inline __attribute__((always_inline)) int32_t FaxDecodeRow2DLocal(FaxBits &bits, uint8_t *row,
                                                                          const uint8_t *ref, int32_t width) {
-    const uint16_t *modes = FaxModeTable.data();
     int32_t a0 = -1;
     int32_t colour = 0;
     // A state of a begun code of another table is left only when the data
@@ -109,31 +109,19 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeRow2DLocal(FaxBits
         uint32_t action = 0;
         if (w.on) {
             if (w.nb < 32) FaxWindowFill(w, bits);
-            const uint32_t entry = FaxLookup(modes, 0, uint32_t(w.acc >> 56));
-            const uint32_t n = FaxWordBits(entry);
-            if ((entry >> 8) - FaxModePass <= FaxModeVertical0 + 3 - FaxModePass && int32_t(n) <= w.nb) {
-                action = entry >> 8;
-                FaxWindowTake(w, n);
+            const uint32_t entry = FaxModeFirst[w.acc >> 57];
+            if (entry != 0 && int32_t(entry & 7u) <= w.nb) {
+                action = entry >> 3;
+                FaxWindowTake(w, entry & 7u);
             }
         }
         if (action == 0) {
             FaxWindowSync(w, bits);
-            uint32_t s = uint32_t(bits.position);
-            uint32_t entry;
-            for (;;) {
-                if (s == 0 || s > 7) {
-                    if (!FaxFetchByte(bits)) {
-                        bits.position = int32_t(s);
-                        FaxReportUnexpectedCode();
-                        return -3;
-                    }
-                }
-                entry = FaxLookup(modes, s, bits.curByte);
-                s = entry & 0xFFu;
-                if (entry >> 8) break;
+            action = FaxModeCodeByBytes(bits);
+            if (action == 0) {
+                FaxReportUnexpectedCode();
+                return -3;
             }
-            bits.position = int32_t(s);
-            action = entry >> 8;
         }
         if (action >= 3 && action <= 9) {
             // Vertical: a1 = b1 + action - 6; the run up to a1 has colour.
@@ -223,26 +211,154 @@ int32_t FaxDecodeRow2D(FaxBits &bits, uint8_t *row, const uint8_t *ref, int32_t 
     return result;
 }
 
-int32_t FaxDecodeRowsG4(uint8_t *row, int32_t size) {
-    if (size > 0) std::memset(row, 0, size_t(size));
-    if (size < 1 || faxState == nullptr || faxState->refLine == nullptr) return 1;
-    const uint32_t rowBytes = faxState->rowBytes;
-    const int32_t width = int32_t(faxState->rowPixels);
-    if (rowBytes == 0) return 1;
-    uint8_t *ref = faxState->refLine;
-    FaxBits bits = LoadBits();
-    int32_t result = 1;
-    while (uint32_t(size) >= rowBytes) {
-        int32_t rowResult = FaxDecodeRow2D(bits, row, ref, width);
-        if (rowResult < 0) {
-            result = rowResult == -3 ? 1 : 0;
+// The runs of a horizontal code: from the window where it can tell, else
+// byte by byte; the window is given back for the latter.
+static inline __attribute__((always_inline)) int32_t FaxHorizontalRun(FaxWindow &w, FaxBits &bits,
+                                                                      int32_t colour) {
+    uint32_t sum = 0;
+    int32_t run = w.on ? FaxWindowRun(w, bits, colour ? FaxBlack : 0, sum) : -4;
+    if (run == -4) {
+        FaxWindowSync(w, bits);
+        run = FaxDecodeRunFrom(bits, colour ? FaxBlack : 0, sum);
+    }
+    return run;
+}
+
+// FaxDecodeRow2D into a list of changes (fax_changes.h) against the
+// reference line's list: the same codes are taken, the same reports made
+// and the same results given, or FaxRowToBitmap before any report when the
+// row needs the bitmap.
+//
+// b1 is kept as a pointer into ref that only moves forward: the first
+// change behind a0 whose index has the parity of `colour` (even, a change
+// to black, for a white a0).  A vertical code moves it to the entry just
+// after, or, where a1 went back before an earlier change, the one before;
+// a pass code two on; a horizontal code past a0 in steps of two.  So b1
+// and b2 are mostly the next entries, known before a1 is.
+static inline __attribute__((always_inline)) int32_t FaxDecodeChanges2DLocal(FaxBits &bits, const int32_t *ref,
+                                                                             int32_t *changes, int32_t width) {
+    int32_t *end = changes;
+    const int32_t *b1 = ref;  // ref[-1] is -1, behind no a1
+    int32_t a0 = -1;
+    int32_t colour = 0;
+    int32_t result;
+    if (bits.position >= int32_t(FaxModeRows)) bits.position = 0;
+    FaxWindow w;
+    for (;;) {
+        if (!w.on) FaxWindowStart(w, bits);
+        uint32_t action = 0;
+        if (w.on) {
+            if (w.nb < 32) FaxWindowFill(w, bits);
+            const uint32_t entry = FaxModeFirst[w.acc >> 57];
+            if (entry != 0 && int32_t(entry & 7u) <= w.nb) {
+                action = entry >> 3;
+                FaxWindowTake(w, entry & 7u);
+            }
+        }
+        if (action == 0) {
+            FaxWindowSync(w, bits);
+            action = FaxModeCodeByBytes(bits);
+            if (action == 0) {
+                FaxReportUnexpectedCode();
+                result = -3;
+                break;
+            }
+        }
+        if (action >= 3 && action <= 9) {
+            int32_t a1 = *b1 + int32_t(action) - 6;
+            if (a1 < a0 || a1 < 0) return FaxRowToBitmap;
+            if (a1 > width) a1 = width;  // up to three pixels behind: never written
+            end = FaxPushChange(end, a1);
+            a0 = a1;
+            colour ^= 1;
+            if (a1 >= width) {
+                FaxWindowSync(w, bits);
+                result = FaxEndRow2D(bits, a0, width);
+                break;
+            }
+            // The first change behind a1 of the other parity: the one
+            // before b1 when it lies behind a1 (a1 < b1 - 1, after a
+            // change of a pixel or two), else the one after b1 or later.
+            if (b1[-1] > a1) [[unlikely]] {
+                --b1;
+            } else {
+                ++b1;
+                while (*b1 <= a1) b1 += 2;
+            }
+            continue;
+        }
+        if (action == FaxModeHorizontal) {
+            int32_t first = FaxHorizontalRun(w, bits, colour);
+            int32_t second = FaxHorizontalRun(w, bits, colour ^ 1);
+            if (first >= 0 && second >= 0) {
+                if (a0 < 0) a0 = 0;
+                if (first > width - a0) first = width - a0;
+                a0 += first;
+                end = FaxPushChange(end, a0);
+                if (second > width - a0) second = width - a0;
+                a0 += second;
+                end = FaxPushChange(end, a0);
+                while (*b1 <= a0 && a0 < width) b1 += 2;
+            }
+            // A negative run drops both, silently.
+        } else if (action == FaxModePass) {
+            a0 = b1[1];  // b2; a black run goes on through it
+            b1 += 2;
+        } else if (action == FaxModeEolBegun) {
+            if (faxScheme == TiffCompressionCcittG3) {
+                FaxSkipToEol(bits, 7);
+                result = 1;
+                break;
+            }
+            FaxReportUnexpectedCode();
+            result = FaxEndRow2D(bits, a0, width);
+            break;
+        } else if (action == FaxModeInvalid) {
+            FaxReportUnexpectedCode();
+            result = FaxEndRow2D(bits, a0, width);
+            break;
+        } else {
+            return FaxRowToBitmap;  // uncompressed mode, or an action no table gives
+        }
+        if (a0 >= width) {
+            FaxWindowSync(w, bits);
+            result = FaxEndRow2D(bits, a0, width);
             break;
         }
-        std::memcpy(ref, row, rowBytes);
+    }
+    FaxCloseChanges(end, changes, a0 < 0 ? 0 : (a0 < width ? a0 : width), width);
+    return result;
+}
+
+int32_t FaxDecodeChanges2D(FaxBits &bits, const int32_t *ref, int32_t *changes, int32_t width) {
+    FaxBits local = bits;
+    int32_t result = FaxDecodeChanges2DLocal(local, ref, changes, width);
+    bits = local;
+    return result;
+}
+
+int32_t FaxDecodeRowsG4(uint8_t *row, int32_t size) {
+    if (size < 1 || faxState == nullptr || faxState->refLine == nullptr) {
+        if (size > 0) std::memset(row, 0, size_t(size));
+        return 1;
+    }
+    const uint32_t rowBytes = faxState->rowBytes;
+    int32_t result = 1;
+    FaxBits bits = LoadBits();
+    while (rowBytes != 0 && uint32_t(size) >= rowBytes) {
+        int32_t rowResult = FaxDecodeRow(bits, row, true);
+        if (rowResult < 0) {
+            result = rowResult == -3 ? 1 : 0;
+            row += rowBytes;
+            size -= int32_t(rowBytes);
+            break;
+        }
+        FaxAdvanceReference(row);
         row += rowBytes;
         size -= int32_t(rowBytes);
         if (size != 0) ++TiffImage.currentRow;
     }
+    if (size > 0) std::memset(row, 0, size_t(size));
     StoreBits(bits);
     return result;
 }

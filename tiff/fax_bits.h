@@ -139,17 +139,19 @@ inline int32_t FaxDecodeRun(FaxBits &bits, int32_t colour) { return FaxDecodeRun
 // only when all of its bits are there (n <= nb).  Before any other routine
 // reads the stream, FaxWindowSync gives back the bytes not used.
 struct FaxWindow {
-    uint64_t acc = 0;     // unread bits from the top; zeros behind the nb-th
+    uint64_t acc = 0;     // unread bits from the top; behind the nb-th, 0 or the stream's next bits
     int32_t nb = 0;       // unread bits in acc
-    int32_t fetched = 0;  // bytes taken from the stream since FaxWindowStart
+    const uint8_t *start = nullptr;  // the stream's cursor at FaxWindowStart
     bool on = false;      // the stream's state is in the window
+    bool reversed = false;  // the strip's bytes are in reversed bit order
 };
 
 // Takes the stream's state into the window: its unread bits of curByte.
 // Not for a state of a begun code word (position above 7).
 inline void FaxWindowStart(FaxWindow &w, const FaxBits &bits) {
-    w.fetched = 0;
+    w.start = bits.cursor;
     w.on = uint32_t(bits.position) <= 7;
+    w.reversed = bits.byteMap[1] != 1;
     if (bits.position >= 1 && bits.position <= 7) {
         w.nb = 8 - bits.position;
         w.acc = uint64_t((bits.curByte << bits.position) & 0xFFu) << 56;
@@ -159,12 +161,34 @@ inline void FaxWindowStart(FaxWindow &w, const FaxBits &bits) {
     }
 }
 
+// The bits of each byte of v in reverse order.
+inline uint64_t FaxReverseBytes(uint64_t v) {
+    v = ((v >> 1) & 0x5555555555555555u) | ((v & 0x5555555555555555u) << 1);
+    v = ((v >> 2) & 0x3333333333333333u) | ((v & 0x3333333333333333u) << 2);
+    return ((v >> 4) & 0x0F0F0F0F0F0F0F0Fu) | ((v & 0x0F0F0F0F0F0F0F0Fu) << 4);
+}
+
+// Tops the window up to 57 bits or more while the strip has bytes.  With 8
+// bytes left or more, one load: the whole bytes that fit are taken, and the
+// first bits of the next byte may stand behind nb, which is harmless since
+// they are its own bits and a code is taken only from bits below nb.
 inline void FaxWindowFill(FaxWindow &w, FaxBits &bits) {
+    if (bits.left >= 8 && w.nb < 64) {
+        uint64_t v;
+        std::memcpy(&v, bits.cursor, 8);
+        if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap64(v);
+        if (w.reversed) v = FaxReverseBytes(v);
+        w.acc |= v >> w.nb;
+        const int32_t taken = (63 - w.nb) >> 3;
+        bits.cursor += taken;
+        bits.left -= taken;
+        w.nb += taken * 8;
+        return;
+    }
     while (w.nb <= 56 && bits.left > 0) {
         w.acc |= uint64_t(bits.byteMap[*bits.cursor++]) << (56 - w.nb);
         w.nb += 8;
         --bits.left;
-        ++w.fetched;
     }
 }
 
@@ -184,7 +208,7 @@ inline void FaxWindowSync(FaxWindow &w, FaxBits &bits) {
     bits.left += back;
     // A byte taken into the window and read (in part or whole) is curByte;
     // with none, curByte is still the one the window started in.
-    if (w.fetched > back) bits.curByte = bits.byteMap[bits.cursor[-1]];
+    if (bits.cursor > w.start) bits.curByte = bits.byteMap[bits.cursor[-1]];
     bits.position = part ? 8 - part : 0;
 }
 
@@ -192,23 +216,19 @@ inline void FaxWindowSync(FaxWindow &w, FaxBits &bits) {
 // code of no run, EOL, too few bits): then sum holds the make-up codes taken
 // so far, and the byte-by-byte decoder goes on from there.
 inline int32_t FaxWindowRun(FaxWindow &w, FaxBits &bits, int32_t colour, uint32_t &sum) {
-    const uint16_t *table = FaxRunTable.data();
+    const uint16_t *first = FaxRunFirst.data() + (colour ? 256 : 0);
+    const uint16_t *longer = FaxRunLong.data() + (colour ? 8192 : 0);
     sum = 0;
     for (;;) {
-        if (w.nb < 32) FaxWindowFill(w, bits);
-        uint32_t entry = FaxLookup(table, uint32_t(colour), uint32_t(w.acc >> 56));
-        uint32_t n = 0;
-        if ((entry >> 8) == FaxRunNone) {
-            entry = FaxLookup(table, (entry & 0xFFu) + uint32_t(colour), uint32_t(w.acc >> 48) & 0xFFu);
-            n = 8;
-        }
-        if ((entry >> 8) < FaxRunTerm) return -4;
-        n += FaxWordBits(entry);
-        if (int32_t(n) > w.nb) return -4;
+        if (w.nb < 16) FaxWindowFill(w, bits);
+        uint32_t entry = first[w.acc >> 56];
+        if ((entry & 15u) == 0) entry = longer[w.acc >> 51];
+        const uint32_t n = entry & 15u;
+        if (n == 0 || int32_t(n) > w.nb) return -4;
         FaxWindowTake(w, n);
-        const uint32_t v = (entry >> 8) - FaxRunTerm;
+        const uint32_t v = entry >> 4;
         if (v < 64) return int32_t(sum + v);
-        sum += (v - 64) * 64;
+        sum += v;
         if (sum > FaxRunCeiling) sum = FaxRunCeiling;
     }
 }

@@ -239,3 +239,64 @@ constexpr std::array<uint16_t, FaxUncompressedRows * 256> BuildUncompressedTable
 }
 
 }  // namespace faxcodes
+
+// ---- the look-up tables of the fast path ----
+//
+// The row decoders look a code word up in the bits ahead of a 64-bit
+// window instead of walking the state tables a byte at a time.  A run entry
+// holds the code's length in its low 4 bits and its run (0..63 terminating,
+// 64..2560 make-up) above; 0 is "not here".  The first table is indexed by
+// the next 8 bits and holds the words of up to 8 bits; the long table is
+// indexed by the next 13 bits and holds the longer ones.  EOL, fill and bad
+// patterns are 0 in both: the state tables decide them.
+
+namespace faxcodes {
+
+constexpr uint32_t RunValue(uint32_t action) {
+    return action < FaxRunMakeUp ? action - FaxRunTerm : (action - FaxRunMakeUp) * 64;
+}
+
+constexpr std::array<uint16_t, 2 * 256> BuildRunFirst() {
+    std::array<uint16_t, 2 * 256> table{};
+    for (uint32_t colour = 0; colour < 2; ++colour)
+        for (const Code &code : RunCodes(colour != 0)) {
+            const auto len = uint32_t(code.bits.size());
+            if (code.action < FaxRunTerm || len > 8) continue;
+            uint32_t prefix = 0;
+            for (char c : code.bits) prefix = (prefix << 1) | uint32_t(c == '1');
+            for (uint32_t i = 0; i < (1u << (8 - len)); ++i)
+                table[colour * 256 + (prefix << (8 - len)) + i] = uint16_t((RunValue(code.action) << 4) | len);
+        }
+    return table;
+}
+
+constexpr std::array<uint16_t, 2 * 8192> BuildRunLong() {
+    std::array<uint16_t, 2 * 8192> table{};
+    for (uint32_t colour = 0; colour < 2; ++colour)
+        for (const Code &code : RunCodes(colour != 0)) {
+            const auto len = uint32_t(code.bits.size());
+            if (code.action < FaxRunTerm || len <= 8) continue;
+            uint32_t prefix = 0;
+            for (char c : code.bits) prefix = (prefix << 1) | uint32_t(c == '1');
+            for (uint32_t i = 0; i < (1u << (13 - len)); ++i)
+                table[colour * 8192 + (prefix << (13 - len)) + i] = uint16_t((RunValue(code.action) << 4) | len);
+        }
+    return table;
+}
+
+// Mode codes of up to seven bits, indexed by the next 7 bits: the action
+// (pass, horizontal, vertical) times 8 plus the length; 0 for the others.
+constexpr std::array<uint8_t, 128> BuildModeFirst() {
+    std::array<uint8_t, 128> table{};
+    for (const Code &code : ModeCodes) {
+        const auto len = uint32_t(code.bits.size());
+        if (code.action > FaxModeVertical0 + 3 || len > 7) continue;
+        uint32_t prefix = 0;
+        for (char c : code.bits) prefix = (prefix << 1) | uint32_t(c == '1');
+        for (uint32_t i = 0; i < (1u << (7 - len)); ++i)
+            table[(prefix << (7 - len)) + i] = uint8_t((code.action << 3) | len);
+    }
+    return table;
+}
+
+}  // namespace faxcodes

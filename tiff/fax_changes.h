@@ -1,0 +1,148 @@
+// fax_changes.h - rows as lists of changing elements.
+//
+// The row drivers decode a row of up to FaxChangesMaxWidth pixels into the
+// list of its changing elements, the pixels whose colour differs from the
+// pixel before (pixel -1 is white): strictly increasing, each at most the
+// width, so that entries 2i and 2i + 1 bound the i-th black span.  A list
+// is closed by FaxChangesSentinels entries of the width.  Two-dimensional
+// rows look b1 and b2 up in the reference line's list with a cursor that
+// only moves forward, and each row is written once from its list, word by
+// word, with no pixel of it read back.
+//
+// The list holds what the bitmap would: a change equal to the last one
+// takes that one back (an empty span), and a row whose changes would go
+// back (a vertical code before a0, uncompressed mode) is not decoded here:
+// the driver decodes it again into the bitmap against refLine.
+#pragma once
+
+#include <bit>
+#include <cstdint>
+#include <cstring>
+
+#include "tiff/fax.h"
+#include "tiff/fax_bits.h"
+
+// Rows wider than this are decoded into the bitmap alone: a list takes 4
+// bytes a pixel, and the record holds two.
+constexpr uint32_t FaxChangesMaxWidth = 1u << 16;
+// Entries of the width behind a list's last change: b2 is read up to two
+// entries behind the first change at or past the width.
+constexpr uint32_t FaxChangesSentinels = 3;
+// Entries a list takes in the record: one before it that holds -1 (the
+// last change of an empty list, which is no pixel), a change at every
+// pixel, one at the width, the sentinels.
+constexpr uint32_t FaxChangesStride(uint32_t width) { return 1 + width + 1 + FaxChangesSentinels; }
+
+// A row decoder's result beyond those of FaxDecodeRow2D: the row must be
+// decoded into the bitmap instead.
+constexpr int32_t FaxRowToBitmap = 2;
+
+// Appends change x (at or behind the last one): an equal one takes the
+// last back instead.
+inline int32_t *FaxPushChange(int32_t *end, int32_t x) {
+    if (end[-1] == x) return end - 1;
+    *end = x;
+    return end + 1;
+}
+
+
+
+// Closes a row that stopped at pixel x: a black span left open ends there,
+// as the bitmap decoder writes black pixels only up to a0.  Then the
+// sentinels.  x is at or behind the last change and at most width.
+inline void FaxCloseChanges(int32_t *end, const int32_t *begin, int32_t x, int32_t width) {
+    if ((end - begin) & 1) end = FaxPushChange(end, x);
+    for (uint32_t i = 0; i < FaxChangesSentinels; ++i) end[i] = width;
+}
+
+// Stores the 64 pixels of word (first pixel in the top bit) at p.
+inline void FaxStore64(uint8_t *p, uint64_t word) {
+    if constexpr (std::endian::native == std::endian::little) word = __builtin_bswap64(word);
+    std::memcpy(p, &word, 8);
+}
+
+// Writes all rowBytes bytes of row from a closed list: the black spans, 0
+// elsewhere.  The spans are ORed into words, a word per 64 pixels (the
+// first in the top bit), which are 0 on entry and 0 again on return: each
+// is copied to the row and cleared in one pass.  A word is read and
+// written only whole and at its own place, so that a span ORed into the
+// word the one before wrote is forwarded, not stalled.
+inline void FaxRenderChanges(uint8_t *row, uint32_t rowBytes, const int32_t *changes, int32_t width,
+                             uint64_t *words) {
+    for (const int32_t *c = changes; c[0] < width; c += 2) {
+        const auto s = uint32_t(c[0]);
+        const auto e = uint32_t(c[1]) - 1;  // the span's last pixel
+        const uint32_t ws = s >> 6;
+        const uint32_t we = e >> 6;
+        const uint64_t head = ~uint64_t(0) >> (s & 63);
+        const uint64_t last = ~uint64_t(0) << (63 - (e & 63));
+        if (ws == we) [[likely]] {
+            words[ws] |= head & last;
+        } else {
+            words[ws] |= head;
+            for (uint32_t i = ws + 1; i < we; ++i) words[i] = ~uint64_t(0);
+            words[we] = last;
+        }
+    }
+    const uint32_t whole = rowBytes >> 3;
+    for (uint32_t i = 0; i < whole; ++i) {
+        FaxStore64(row + size_t(i) * 8, words[i]);
+        words[i] = 0;
+    }
+    if (const uint32_t rest = rowBytes & 7) {
+        uint8_t bytes[8];
+        FaxStore64(bytes, words[whole]);
+        std::memcpy(row + size_t(whole) * 8, bytes, rest);
+        words[whole] = 0;
+    }
+}
+
+// Words FaxRenderChanges takes for a row of rowBytes bytes.
+constexpr uint32_t FaxRenderWords(uint32_t rowBytes) { return rowBytes / 8 + 1; }
+
+// The changes of a line in the bitmap (with the guard byte before it and
+// FaxRefSlack zero bytes behind it), closed.
+inline void FaxChangesOfLine(const uint8_t *line, int32_t *changes, int32_t width) {
+    int32_t *end = changes;
+    int32_t x = 0;
+    uint64_t want = ~uint64_t(0);  // black first
+    for (;;) {
+        x = FaxNextPixel(line, x, want, width);
+        if (x >= width) break;
+        *end++ = x;
+        want = ~want;
+    }
+    FaxCloseChanges(end, changes, width, width);
+}
+
+// One mode code a look-up per byte it touches, from the stream's state:
+// its action, or 0 with no data left.
+inline uint32_t FaxModeCodeByBytes(FaxBits &bits) {
+    const uint16_t *modes = FaxModeTable.data();
+    uint32_t s = uint32_t(bits.position);
+    for (;;) {
+        if (s == 0 || s > 7) {
+            if (!FaxFetchByte(bits)) {
+                bits.position = int32_t(s);
+                return 0;
+            }
+        }
+        const uint32_t entry = FaxLookup(modes, s, bits.curByte);
+        s = entry & 0xFFu;
+        if (entry >> 8) {
+            bits.position = int32_t(s);
+            return entry >> 8;
+        }
+    }
+}
+
+int32_t FaxDecodeChanges1D(FaxBits &bits, int32_t *changes, int32_t width);
+int32_t FaxDecodeChanges2D(FaxBits &bits, const int32_t *ref, int32_t *changes, int32_t width);
+
+// One row of the strip into row, all rowBytes bytes written: one- or
+// two-dimensional, through a list where the record has them, else (or
+// when the list can't hold the row) into the bitmap.  The results of
+// FaxDecodeRow1D and FaxDecodeRow2D.
+int32_t FaxDecodeRow(FaxBits &bits, uint8_t *row, bool twoDimensional);
+// Makes the row just decoded (row) the reference line of the next.
+void FaxAdvanceReference(const uint8_t *row);
