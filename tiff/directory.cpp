@@ -81,6 +81,7 @@ void ZeroDirectoryGroup() {
 // TL_SEEK, which takes a signed offset: they count as a failed seek.
 bool SeekTo(uint32_t offset) {
     if (offset > 0x7FFFFFFFu) return false;
+    TiffImage.stripReadEnd = -1;
     if (TL_SEEK(TiffImage.tiffFile, int32_t(offset), 0) != 0) return false;
     return !ErrorStatus();
 }
@@ -177,6 +178,8 @@ int32_t TiffOpen(const char *name) {
     ZeroDirectoryGroup();
     t.tiffFile = TL_OPEN(name, "r");
     if (t.tiffFile == NoFile) return 0;  // TL_OPEN has reported
+    t.fileLength = TL_FILELENGTH(t.tiffFile);
+    t.stripReadEnd = -1;
     if (TL_READ(t.fileHeader, sizeof t.fileHeader, t.tiffFile) < sizeof t.fileHeader) {
         TiffClose();
         return 0;
@@ -328,7 +331,7 @@ int32_t TiffReadDirectory() {
         if (t.stripByteCounts[0] == 0) {
             EstimateStripByteCount(t.directory, entryCount);
         } else if (t.compression == TiffCompressionNone &&
-                   t.stripByteCounts[0] > TL_FILELENGTH(t.tiffFile) - t.stripOffsets[0]) {
+                   t.stripByteCounts[0] > t.fileLength - t.stripOffsets[0]) {
             EstimateStripByteCount(t.directory, entryCount);
         }
     }
@@ -482,7 +485,7 @@ void EstimateStripByteCount(const TiffDirEntry *entries, uint32_t entryCount) {
         const uint64_t s = uint64_t(TiffTypeSize(entries[i].type)) * entries[i].count;
         if (s > 4) space += s;
     }
-    const uint32_t fileLength = TL_FILELENGTH(t.tiffFile);
+    const uint32_t fileLength = t.fileLength;
     // A directory that claims more space than the file has would wrap the
     // difference to a huge count; it is taken as too large at once, so the
     // count becomes what lies behind the strip's offset.  An offset at or

@@ -71,7 +71,7 @@ int32_t PelsPerMeter(const TiffRational &r) {
 // the uncompressed image needs, whichever is larger.  A larger count
 // describes no bytes of this file; it would only size a buffer of nothing.
 uint64_t StripByteCeiling() {
-    const uint64_t fileLength = TL_FILELENGTH(TiffImage.tiffFile);
+    const uint64_t fileLength = TiffImage.fileLength;
     const uint64_t image = uint64_t(TiffImage.imageLength) * TiffImage.scanlineSize;
     return fileLength > image ? fileLength : image;
 }
@@ -280,7 +280,15 @@ int32_t ResizeStripBuffer(int32_t size) {
 int32_t ReadStripBytes(uint32_t strip, uint8_t *buffer, int32_t count) {
     auto &t = TiffImage;
     const uint32_t offset = t.stripOffsets[strip];
-    // TL_SEEK takes a signed offset: one past 2 GiB is a failed seek.
-    if (offset > 0x7FFFFFFFu || TL_SEEK(t.tiffFile, int32_t(offset), 0) != 0) return -1;
-    return int32_t(TL_READ(buffer, uint32_t(count), t.tiffFile));
+    // TL_SEEK takes a signed offset: one past 2 GiB is a failed seek.  A
+    // strip that follows the one read last needs no seek.
+    if (offset > 0x7FFFFFFFu) return -1;
+    if (int64_t(offset) != t.stripReadEnd && TL_SEEK(t.tiffFile, int32_t(offset), 0) != 0) {
+        t.stripReadEnd = -1;
+        return -1;
+    }
+    const uint32_t got = TL_READ(buffer, uint32_t(count), t.tiffFile);
+    // Only a whole read leaves the position known.
+    t.stripReadEnd = got == uint32_t(count) ? int64_t(offset) + got : -1;
+    return int32_t(got);
 }
