@@ -70,10 +70,9 @@ int32_t FaxPrepareStrip() {
         // that the reference line's cursor may read behind its end.
         if (withRef && !checked::Add(size + 1 + FaxRefSlack, TiffImage.scanlineSize, &size)) return 0;
         // Then, for rows narrow enough (so that no sum here can wrap), the
-        // words of FaxRenderChanges and the two lists of changes.
+        // two lists of changes.
         const bool withChanges = width <= FaxChangesMaxWidth;
-        const uint32_t wordsAt = (size + 7) & ~7u;
-        const uint32_t changesAt = wordsAt + 8 * FaxRenderWords(TiffImage.scanlineSize);
+        const uint32_t changesAt = (size + 3) & ~3u;
         if (withChanges) size = changesAt + 2 * 4 * FaxChangesStride(width);
         if (!BlockAlloc(&TiffImage.ccittBlock, 0, 1, size, FaxBlockLabel)) return 0;
         auto *base = static_cast<uint8_t *>(BlockLock(&TiffImage.ccittBlock));
@@ -96,11 +95,8 @@ int32_t FaxPrepareStrip() {
             faxState->refChanges = reinterpret_cast<int32_t *>(base + changesAt) + 1;
             faxState->curChanges = faxState->refChanges + FaxChangesStride(width);
             faxState->refChanges[-1] = faxState->curChanges[-1] = -1;
-            faxState->renderWords = reinterpret_cast<uint64_t *>(base + wordsAt);
-            std::memset(faxState->renderWords, 0, 8 * FaxRenderWords(TiffImage.scanlineSize));
         } else {
             faxState->refChanges = faxState->curChanges = nullptr;
-            faxState->renderWords = nullptr;
         }
     }
     faxState->position = 0;
@@ -268,6 +264,21 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges1DLocal(Fax
     FaxWindow w;
     FaxWindowStart(w, bits);
     for (;;) {
+        // Mostly a white and a black run by one look-up, where both lie
+        // inside the row; else one run at a time.
+        if (w.on) {
+            if (w.nb < 32) FaxWindowFill(w, bits);
+            const uint32_t pair = FaxPairFirst[w.acc >> 52];
+            const int32_t white = int32_t(pair >> 4) & 63, black = int32_t(pair >> 10);
+            if (pair != 0 && int32_t(pair & 15u) <= w.nb && white + black < width - pos) {
+                FaxWindowTake(w, pair & 15u);
+                pos += white;
+                end = FaxPushChange(end, pos);
+                pos += black;
+                end = FaxPushChange(end, pos);
+                continue;
+            }
+        }
         run = FaxRun1D(w, bits, 0);
         if (run < 0) break;
         if (run >= width - pos) {  // compared so, no sum can wrap
@@ -322,12 +333,12 @@ int32_t FaxDecodeRow(FaxBits &bits, uint8_t *row, bool twoDimensional) {
         const int32_t result = twoDimensional ? FaxDecodeChanges2D(bits, f.refChanges, f.curChanges, width)
                                               : FaxDecodeChanges1D(bits, f.curChanges, width);
         if (result != FaxRowToBitmap) {
-            FaxRenderChanges(row, f.rowBytes, f.curChanges, width, f.renderWords);
+            FaxRenderChanges(row, f.rowBytes, f.curChanges, width);
             return result;
         }
         // Again from the row's start, into the bitmap against refLine.
         bits = start;
-        if (f.refLineStale) FaxRenderChanges(f.refLine, f.rowBytes, f.refChanges, width, f.renderWords);
+        if (f.refLineStale) FaxRenderChanges(f.refLine, f.rowBytes, f.refChanges, width);
         f.refLineStale = 0;
         f.rowFromBitmap = 1;
     }

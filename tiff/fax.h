@@ -36,7 +36,6 @@ struct FaxState {
     // are decoded into the bitmap and against refLine alone.
     int32_t *refChanges;     // the reference line's changes, closed by sentinels
     int32_t *curChanges;     // the changes of the row under decoding
-    uint64_t *renderWords;   // 0 between rows: FaxRenderChanges' words
     uint32_t refLineStale;   // 1: refLine does not hold refChanges' pixels yet
     uint32_t rowFromBitmap;  // 1: the last row was decoded against refLine
 };
@@ -65,6 +64,10 @@ extern const std::array<uint16_t, FaxUncompressedRows * 256> FaxUncompressedTabl
 extern const std::array<uint16_t, 2 * 256> FaxRunFirst;
 extern const std::array<uint16_t, 2 * 8192> FaxRunLong;
 extern const std::array<uint8_t, 128> FaxModeFirst;
+// Two runs of opposite colours, both terminating codes, in the next 12
+// bits, white first (entries 0..4095) or black first (4096..): first * 16 +
+// second * 1024 + bits; 0 where they don't fit.
+extern const std::array<uint16_t, 2 * 4096> FaxPairFirst;
 
 // FaxRunTable actions.
 constexpr uint32_t FaxRunNone = 0;      // no code word completed in this byte

@@ -288,8 +288,22 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges2DLocal(Fax
             continue;
         }
         if (action == FaxModeHorizontal) {
-            int32_t first = FaxHorizontalRun(w, bits, colour);
-            int32_t second = FaxHorizontalRun(w, bits, colour ^ 1);
+            // Mostly both runs by one look-up; else one at a time.
+            int32_t first, second;
+            uint32_t pair = 0;
+            if (w.on) {
+                if (w.nb < 32) FaxWindowFill(w, bits);
+                pair = FaxPairFirst[uint32_t(colour) * 4096 + uint32_t(w.acc >> 52)];
+                if (int32_t(pair & 15u) > w.nb) pair = 0;
+            }
+            if (pair != 0) {
+                FaxWindowTake(w, pair & 15u);
+                first = int32_t(pair >> 4) & 63;
+                second = int32_t(pair >> 10);
+            } else {
+                first = FaxHorizontalRun(w, bits, colour);
+                second = FaxHorizontalRun(w, bits, colour ^ 1);
+            }
             if (first >= 0 && second >= 0) {
                 if (a0 < 0) a0 = 0;
                 if (first > width - a0) first = width - a0;

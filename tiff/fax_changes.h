@@ -62,13 +62,23 @@ inline void FaxStore64(uint8_t *p, uint64_t word) {
 }
 
 // Writes all rowBytes bytes of row from a closed list: the black spans, 0
-// elsewhere.  The spans are ORed into words, a word per 64 pixels (the
-// first in the top bit), which are 0 on entry and 0 again on return: each
-// is copied to the row and cleared in one pass.  A word is read and
-// written only whole and at its own place, so that a span ORed into the
-// word the one before wrote is forwarded, not stalled.
-inline void FaxRenderChanges(uint8_t *row, uint32_t rowBytes, const int32_t *changes, int32_t width,
-                             uint64_t *words) {
+// elsewhere.  The row is cleared, then the pixels of each 64-pixel word
+// are gathered in a register and the word is stored again after each span
+// that reaches it: words are only written, never read back, so that no
+// load waits for a store.  The bytes behind the last whole word are
+// gathered in the same way and copied at the end.
+inline void FaxRenderChanges(uint8_t *row, uint32_t rowBytes, const int32_t *changes, int32_t width) {
+    const uint32_t whole = rowBytes >> 3;
+    std::memset(row, 0, rowBytes);
+    uint32_t current = 0;  // the word whose pixels acc holds
+    uint64_t acc = 0;
+    uint64_t tail = 0;  // the pixels of word `whole`
+    auto put = [&](uint32_t i, uint64_t pixels) {
+        if (i < whole) [[likely]]
+            FaxStore64(row + size_t(i) * 8, pixels);
+        else
+            tail = pixels;
+    };
     for (const int32_t *c = changes; c[0] < width; c += 2) {
         const auto s = uint32_t(c[0]);
         const auto e = uint32_t(c[1]) - 1;  // the span's last pixel
@@ -76,29 +86,23 @@ inline void FaxRenderChanges(uint8_t *row, uint32_t rowBytes, const int32_t *cha
         const uint32_t we = e >> 6;
         const uint64_t head = ~uint64_t(0) >> (s & 63);
         const uint64_t last = ~uint64_t(0) << (63 - (e & 63));
+        acc = ws == current ? acc : 0;
         if (ws == we) [[likely]] {
-            words[ws] |= head & last;
+            acc |= head & last;
         } else {
-            words[ws] |= head;
-            for (uint32_t i = ws + 1; i < we; ++i) words[i] = ~uint64_t(0);
-            words[we] = last;
+            put(ws, acc | head);
+            for (uint32_t i = ws + 1; i < we; ++i) FaxStore64(row + size_t(i) * 8, ~uint64_t(0));
+            acc = last;
         }
-    }
-    const uint32_t whole = rowBytes >> 3;
-    for (uint32_t i = 0; i < whole; ++i) {
-        FaxStore64(row + size_t(i) * 8, words[i]);
-        words[i] = 0;
+        current = we;
+        put(current, acc);
     }
     if (const uint32_t rest = rowBytes & 7) {
         uint8_t bytes[8];
-        FaxStore64(bytes, words[whole]);
+        FaxStore64(bytes, tail);
         std::memcpy(row + size_t(whole) * 8, bytes, rest);
-        words[whole] = 0;
     }
 }
-
-// Words FaxRenderChanges takes for a row of rowBytes bytes.
-constexpr uint32_t FaxRenderWords(uint32_t rowBytes) { return rowBytes / 8 + 1; }
 
 // The changes of a line in the bitmap (with the guard byte before it and
 // FaxRefSlack zero bytes behind it), closed.
