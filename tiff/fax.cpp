@@ -324,7 +324,7 @@ int32_t FaxDecodeChanges1D(FaxBits &bits, int32_t *changes, int32_t width) {
     return result;
 }
 
-int32_t FaxDecodeRow(FaxBits &bits, uint8_t *row, bool twoDimensional) {
+int32_t FaxDecodeNextRow(FaxBits &bits, uint8_t *row, bool twoDimensional) {
     FaxState &f = *faxState;
     const auto width = int32_t(f.rowPixels);
     f.rowFromBitmap = 0;
@@ -369,7 +369,7 @@ int32_t FaxDecodeRows(uint8_t *row, int32_t size) {
     // the call, so that no row is written past the caller's buffer.
     FaxBits bits = LoadBits();
     while (uint32_t(size) >= rowBytes) {
-        int32_t result = FaxDecodeRow(bits, row, faxState->nextIs2D != 0);
+        int32_t result = FaxDecodeNextRow(bits, row, faxState->nextIs2D != 0);
         row += rowBytes;
         size -= int32_t(rowBytes);
         if (result == -3) break;

@@ -13,7 +13,10 @@
 // per input byte after byteMap, and a row per decoder state.  An entry holds
 // an action in its high byte and the next state in its low byte, and is
 // stored XORed with FaxTableKey(row).  States 0..7 are bit positions in a
-// byte; a larger state is a code word begun in an earlier byte.
+// byte; a larger state is a code word begun in an earlier byte.  The row
+// decoders take the common code words from a 64-bit window of the stream
+// by the one-look-up tables below, and leave the rest (EOL, fill, bad
+// patterns, long make-up chains, a strip's last bits) to the state tables.
 #pragma once
 
 #include <array>

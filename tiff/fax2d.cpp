@@ -3,11 +3,14 @@
 //
 // A row is decoded against the reference line (the row before, white at a
 // strip's start) by mode codes.  a0 is the pixel reached, colour the colour
-// of the run that starts there; b1 and b2 are found on the reference line by
-// a cursor of 64-pixel windows (FaxNextPixel) that only moves forward from
-// a0 and gives what FaxFindOnes and FaxFindZeros give, with fewer steps.
-// It reads the guard byte before the line for the positions -8..-1, all
-// white, and the zero bytes behind the line's end.
+// of the run that starts there.  Two decoders do the same: the row drivers
+// use FaxDecodeChanges2D, which works on lists of changing elements (see
+// fax_changes.h); FaxDecodeRow2D works on the bitmap and takes the rows
+// the lists can't hold.  There b1 and b2 are found on the reference line
+// by a cursor of 64-pixel windows (FaxNextPixel) that only moves forward
+// from a0 and gives what FaxFindOnes and FaxFindZeros give, with fewer
+// steps.  It reads the guard byte before the line for the positions
+// -8..-1, all white, and the zero bytes behind the line's end.
 #include <cstring>
 
 #include "tiff/directory.h"
@@ -360,7 +363,7 @@ int32_t FaxDecodeRowsG4(uint8_t *row, int32_t size) {
     int32_t result = 1;
     FaxBits bits = LoadBits();
     while (rowBytes != 0 && uint32_t(size) >= rowBytes) {
-        int32_t rowResult = FaxDecodeRow(bits, row, true);
+        int32_t rowResult = FaxDecodeNextRow(bits, row, true);
         if (rowResult < 0) {
             result = rowResult == -3 ? 1 : 0;
             row += rowBytes;

@@ -95,10 +95,6 @@ inline uint32_t FaxReadTagBit(FaxBits &bits) {
     return bit;
 }
 
-// Bits of a code word completed in a row of position 0: its next state,
-// which is 0 for a word that ends with the byte.
-inline uint32_t FaxWordBits(uint32_t entry) { return ((entry - 1) & 7u) + 1; }
-
 // Run decoding a look-up per byte touched, the sum of make-up codes so far
 // carried in.
 inline int32_t FaxDecodeRunFrom(FaxBits &bits, int32_t colour, uint32_t sum) {

@@ -147,6 +147,6 @@ int32_t FaxDecodeChanges2D(FaxBits &bits, const int32_t *ref, int32_t *changes, 
 // two-dimensional, through a list where the record has them, else (or
 // when the list can't hold the row) into the bitmap.  The results of
 // FaxDecodeRow1D and FaxDecodeRow2D.
-int32_t FaxDecodeRow(FaxBits &bits, uint8_t *row, bool twoDimensional);
+int32_t FaxDecodeNextRow(FaxBits &bits, uint8_t *row, bool twoDimensional);
 // Makes the row just decoded (row) the reference line of the next.
 void FaxAdvanceReference(const uint8_t *row);
