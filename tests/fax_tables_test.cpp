@@ -134,6 +134,60 @@ TEST(FaxTables, StorageAndShape) {
     }
 }
 
+// Bits a word took in a walk from bit 0.
+uint32_t WordBits(const Outcome &o) { return (o.lookups - 1) * 8 + (o.next ? o.next : 8); }
+
+std::string BitsOf(uint32_t v, uint32_t n) {
+    std::string s;
+    for (uint32_t i = n; i-- > 0;) s += char('0' + ((v >> i) & 1));
+    return s;
+}
+
+// The one-look-up tables give, for every pattern of the bits they see,
+// what the state tables give, or 0 where those find no run (mode) code.
+TEST(FaxTables, FastTablesAgreeWithTheStateTables) {
+    std::mt19937 rng(5);
+    auto run = [&](uint32_t colour, const std::string &bits) {
+        return Walk(FaxRunTable.data(), FaxRunRows, colour ? FaxBlack : 0, bits, 0, rng);
+    };
+    for (uint32_t colour = 0; colour < 2; ++colour)
+        for (uint32_t v = 0; v < 8192; ++v) {
+            uint32_t entry = FaxRunFirst[colour * 256 + (v >> 5)];
+            if ((entry & 15) == 0) entry = FaxRunLong[colour * 8192 + v];
+            const Outcome o = run(colour, BitsOf(v, 13));
+            const bool isRun = o.action >= FaxRunTerm;
+            ASSERT_EQ(entry != 0, isRun) << colour << " " << BitsOf(v, 13);
+            if (isRun) {
+                ASSERT_EQ(entry & 15, WordBits(o));
+                ASSERT_EQ(entry >> 4, faxcodes::RunValue(o.action));
+            }
+        }
+    for (uint32_t v = 0; v < 128; ++v) {
+        const uint32_t entry = FaxModeFirst[v];
+        const Outcome o = Walk(FaxModeTable.data(), FaxModeRows, 0, BitsOf(v, 7), 0, rng);
+        const bool fast = o.action >= FaxModePass && o.action <= FaxModeVertical0 + 3 && WordBits(o) <= 7;
+        ASSERT_EQ(entry != 0, fast) << BitsOf(v, 7);
+        if (fast) {
+            ASSERT_EQ(entry, o.action * 8 + WordBits(o));
+        }
+    }
+    for (uint32_t blackFirst = 0; blackFirst < 2; ++blackFirst)
+        for (uint32_t v = 0; v < 4096; ++v) {
+            const uint32_t entry = FaxPairFirst[blackFirst * 4096 + v];
+            const std::string bits = BitsOf(v, 12);
+            const Outcome a = run(blackFirst, bits);
+            const bool firstTerm = a.action >= FaxRunTerm && a.action < FaxRunMakeUp;
+            const uint32_t used = firstTerm ? WordBits(a) : 12;
+            const Outcome b = run(blackFirst ^ 1, bits.substr(used < 12 ? used : 12) + "0");
+            const bool pair = firstTerm && used < 12 && b.action >= FaxRunTerm && b.action < FaxRunMakeUp &&
+                              used + WordBits(b) <= 12;
+            ASSERT_EQ(entry != 0, pair) << blackFirst << " " << bits;
+            if (pair) {
+                ASSERT_EQ(entry, (b.action - FaxRunTerm) * 1024 + (a.action - FaxRunTerm) * 16 + used + WordBits(b));
+            }
+        }
+}
+
 TEST(FaxTables, SmallTables) {
     for (uint32_t v = 0; v < 256; ++v) {
         uint32_t zeros = 0, ones = 0;
