@@ -328,6 +328,17 @@ int32_t FaxDecodeNextRow(FaxBits &bits, uint8_t *row, bool twoDimensional) {
     FaxState &f = *faxState;
     const auto width = int32_t(f.rowPixels);
     f.rowFromBitmap = 0;
+    if (bits.left == 0 && uint32_t(bits.position - 1) >= 7u) {
+        // Nothing left in the strip: what the decoders give for such a row,
+        // without their set-up, since a file may declare many more rows
+        // than it holds.  A two-dimensional row reports the missing code.
+        std::memset(row, 0, f.rowBytes);
+        if (twoDimensional) {
+            if (bits.position >= int32_t(FaxModeRows)) bits.position = 0;
+            FaxReportUnexpectedCode();
+        }
+        return -3;
+    }
     if (f.curChanges != nullptr) {
         const FaxBits start = bits;
         const int32_t result = twoDimensional ? FaxDecodeChanges2D(bits, f.refChanges, f.curChanges, width)

@@ -71,6 +71,9 @@ extern const std::array<uint8_t, 128> FaxModeFirst;
 // bits, white first (entries 0..4095) or black first (4096..): first * 16 +
 // second * 1024 + bits; 0 where they don't fit.
 extern const std::array<uint16_t, 2 * 4096> FaxPairFirst;
+// Two vertical codes in the next 8 bits: (d1 + 3) + bits1 * 8 + (d2 + 3) *
+// 64 + bits2 * 512; 0 where the next bits don't begin with two.
+extern const std::array<uint16_t, 256> FaxVerticalPair;
 
 // FaxRunTable actions.
 constexpr uint32_t FaxRunNone = 0;      // no code word completed in this byte

@@ -244,14 +244,55 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges2DLocal(Fax
     const int32_t *b1 = ref;  // ref[-1] is -1, behind no a1
     int32_t a0 = -1;
     int32_t colour = 0;
-    int32_t result;
+    int32_t result = 1;
     if (bits.position >= int32_t(FaxModeRows)) bits.position = 0;
     FaxWindow w;
+    // A vertical code: a1 = b1 + d.  0 when the row goes on, 1 when it has
+    // ended (result set), FaxRowToBitmap when a1 went back before a0.
+    auto vertical = [&](int32_t d) -> int32_t {
+        int32_t a1 = *b1 + d;
+        if (a1 < a0 || a1 < 0) return FaxRowToBitmap;
+        if (a1 > width) a1 = width;  // up to three pixels behind: never written
+        end = FaxPushChange(end, a1);
+        a0 = a1;
+        colour ^= 1;
+        if (a1 >= width) {
+            FaxWindowSync(w, bits);
+            result = FaxEndRow2D(bits, a0, width);
+            return 1;
+        }
+        // The first change behind a1 of the other parity: the one before
+        // b1 when it lies behind a1 (a1 < b1 - 1, after a change of a pixel
+        // or two), else the one after b1 or later.
+        if (b1[-1] > a1) [[unlikely]] {
+            --b1;
+        } else {
+            ++b1;
+            while (*b1 <= a1) b1 += 2;
+        }
+        return 0;
+    };
     for (;;) {
         if (!w.on) FaxWindowStart(w, bits);
         uint32_t action = 0;
         if (w.on) {
             if (w.nb < 32) FaxWindowFill(w, bits);
+            // Two vertical codes in the next 8 bits, the commonest case of
+            // text, by one look-up: the second is taken only if the first
+            // leaves the row going on.
+            const uint32_t two = FaxVerticalPair[w.acc >> 56];
+            const uint32_t bits1 = (two >> 3) & 7u, bits2 = two >> 9;
+            if (two != 0 && int32_t(bits1 + bits2) <= w.nb) {
+                FaxWindowTake(w, bits1);
+                int32_t step = vertical(int32_t(two & 7u) - 3);
+                if (step == 0) {
+                    FaxWindowTake(w, bits2);
+                    step = vertical(int32_t((two >> 6) & 7u) - 3);
+                }
+                if (step == 0) continue;
+                if (step == 1) break;
+                return FaxRowToBitmap;
+            }
             const uint32_t entry = FaxModeFirst[w.acc >> 57];
             if (entry != 0 && int32_t(entry & 7u) <= w.nb) {
                 action = entry >> 3;
@@ -268,27 +309,10 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges2DLocal(Fax
             }
         }
         if (action >= 3 && action <= 9) {
-            int32_t a1 = *b1 + int32_t(action) - 6;
-            if (a1 < a0 || a1 < 0) return FaxRowToBitmap;
-            if (a1 > width) a1 = width;  // up to three pixels behind: never written
-            end = FaxPushChange(end, a1);
-            a0 = a1;
-            colour ^= 1;
-            if (a1 >= width) {
-                FaxWindowSync(w, bits);
-                result = FaxEndRow2D(bits, a0, width);
-                break;
-            }
-            // The first change behind a1 of the other parity: the one
-            // before b1 when it lies behind a1 (a1 < b1 - 1, after a
-            // change of a pixel or two), else the one after b1 or later.
-            if (b1[-1] > a1) [[unlikely]] {
-                --b1;
-            } else {
-                ++b1;
-                while (*b1 <= a1) b1 += 2;
-            }
-            continue;
+            const int32_t step = vertical(int32_t(action) - FaxModeVertical0);
+            if (step == 0) continue;
+            if (step == 1) break;
+            return FaxRowToBitmap;
         }
         if (action == FaxModeHorizontal) {
             // Mostly both runs by one look-up; else one at a time.

@@ -326,3 +326,26 @@ constexpr std::array<uint16_t, 2 * 4096> BuildPairFirst() {
 }
 
 }  // namespace faxcodes
+
+namespace faxcodes {
+
+// Two vertical codes in the next 8 bits: (d1 + 3) + bits1 * 8 + (d2 + 3) *
+// 64 + bits2 * 512; 0 where the next bits don't begin with two.
+constexpr std::array<uint16_t, 256> BuildVerticalPair() {
+    std::array<uint16_t, 256> table{};
+    for (const Code &a : ModeCodes)
+        for (const Code &b : ModeCodes) {
+            if (a.action < 3 || a.action > 9 || b.action < 3 || b.action > 9) continue;
+            const auto len = uint32_t(a.bits.size() + b.bits.size());
+            if (len > 8) continue;
+            uint32_t prefix = 0;
+            for (char c : a.bits) prefix = (prefix << 1) | uint32_t(c == '1');
+            for (char c : b.bits) prefix = (prefix << 1) | uint32_t(c == '1');
+            for (uint32_t i = 0; i < (1u << (8 - len)); ++i)
+                table[(prefix << (8 - len)) + i] =
+                    uint16_t((a.action - 3) | (a.bits.size() << 3) | ((b.action - 3) << 6) | (b.bits.size() << 9));
+        }
+    return table;
+}
+
+}  // namespace faxcodes
