@@ -86,6 +86,15 @@ inline void FaxRunTo(uint8_t *row, int32_t a0, int32_t to, int32_t colour, int32
     }
 }
 
+// A pass, horizontal or vertical code from the window: its action, taken;
+// 0 where the window can't tell, and nothing is taken.
+inline uint32_t FaxWindowModeCode(FaxWindow &w) {
+    const uint32_t entry = FaxModeFirst[w.acc >> 57];
+    if (entry == 0 || int32_t(entry & 7u) > w.nb) return 0;
+    FaxWindowTake(w, entry & 7u);
+    return entry >> 3;
+}
+
 // What ends a row: under compression 3 the search for its EOL.
 inline int32_t FaxEndRow2D(FaxBits &bits, int32_t a0, int32_t width) {
     if (faxScheme == TiffCompressionCcittG3) FaxSkipToEol(bits, 0);
@@ -112,11 +121,7 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeRow2DLocal(FaxBits
         uint32_t action = 0;
         if (w.on) {
             if (w.nb < 32) FaxWindowFill(w, bits);
-            const uint32_t entry = FaxModeFirst[w.acc >> 57];
-            if (entry != 0 && int32_t(entry & 7u) <= w.nb) {
-                action = entry >> 3;
-                FaxWindowTake(w, entry & 7u);
-            }
+            action = FaxWindowModeCode(w);
         }
         if (action == 0) {
             FaxWindowSync(w, bits);
@@ -293,11 +298,7 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges2DLocal(Fax
                 if (step == 1) break;
                 return FaxRowToBitmap;
             }
-            const uint32_t entry = FaxModeFirst[w.acc >> 57];
-            if (entry != 0 && int32_t(entry & 7u) <= w.nb) {
-                action = entry >> 3;
-                FaxWindowTake(w, entry & 7u);
-            }
+            action = FaxWindowModeCode(w);
         }
         if (action == 0) {
             FaxWindowSync(w, bits);
