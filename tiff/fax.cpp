@@ -43,7 +43,13 @@ void StoreBits(const FaxBits &bits) {
     faxState->position = int16_t(bits.position);
 }
 
+namespace {
+// Calls of FaxReportUnexpectedCode, heard or not, to tell which rows made one.
+uint32_t faxReportCount = 0;
+}  // namespace
+
 void FaxReportUnexpectedCode() {
+    ++faxReportCount;
     // A damaged stream reports on every later row; once nobody can hear it,
     // the text is not built again for each of them.
     if (!ReportIsHeard()) return;
@@ -108,6 +114,7 @@ int32_t FaxPrepareStrip() {
         FaxCloseChanges(faxState->refChanges, faxState->refChanges, 0, int32_t(faxState->rowPixels));
     faxState->refLineStale = 0;
     faxState->rowFromBitmap = 0;
+    faxState->stallCursor = nullptr;
     if (faxScheme != TiffCompressionCcittG3) return 1;
     FaxBits bits = LoadBits();
     FaxSkipToEol(bits, 0);
@@ -324,21 +331,24 @@ int32_t FaxDecodeChanges1D(FaxBits &bits, int32_t *changes, int32_t width) {
     return result;
 }
 
-int32_t FaxDecodeNextRow(FaxBits &bits, uint8_t *row, bool twoDimensional) {
+namespace {
+
+bool FaxStreamSpent(const FaxBits &bits) { return bits.left == 0 && uint32_t(bits.position - 1) >= 7u; }
+
+bool FaxStalledAt(const FaxState &f, const FaxBits &bits, bool twoDimensional) {
+    return f.stallCursor == bits.cursor && bits.left == 0 && f.stallPosition == bits.position &&
+           f.stallCurByte == bits.curByte && f.stall2D == uint32_t(twoDimensional);
+}
+
+bool FaxRowIsWhite(const uint8_t *row, uint32_t rowBytes) {
+    for (uint32_t i = 0; i < rowBytes; ++i)
+        if (row[i] != 0) return false;
+    return true;
+}
+
+int32_t FaxDecodeRowFrom(FaxBits &bits, uint8_t *row, bool twoDimensional) {
     FaxState &f = *faxState;
     const auto width = int32_t(f.rowPixels);
-    f.rowFromBitmap = 0;
-    if (bits.left == 0 && uint32_t(bits.position - 1) >= 7u) {
-        // Nothing left in the strip: what the decoders give for such a row,
-        // without their set-up, since a file may declare many more rows
-        // than it holds.  A two-dimensional row reports the missing code.
-        std::memset(row, 0, f.rowBytes);
-        if (twoDimensional) {
-            if (bits.position >= int32_t(FaxModeRows)) bits.position = 0;
-            FaxReportUnexpectedCode();
-        }
-        return -3;
-    }
     if (f.curChanges != nullptr) {
         const FaxBits start = bits;
         const int32_t result = twoDimensional ? FaxDecodeChanges2D(bits, f.refChanges, f.curChanges, width)
@@ -355,6 +365,62 @@ int32_t FaxDecodeNextRow(FaxBits &bits, uint8_t *row, bool twoDimensional) {
     }
     std::memset(row, 0, f.rowBytes);
     return twoDimensional ? FaxDecodeRow2D(bits, row, f.refLine, width) : FaxDecodeRow1D(bits, row, width);
+}
+
+}  // namespace
+
+int32_t FaxDecodeNextRow(FaxBits &bits, uint8_t *row, bool twoDimensional) {
+    FaxState &f = *faxState;
+    f.rowFromBitmap = 0;
+    if (bits.left == 0) {
+        if (FaxStreamSpent(bits)) {
+            // Nothing left in the strip: what the decoders give for such a
+            // row, without their set-up, since a file may declare many more
+            // rows than it holds.  A two-dimensional row reports the missing
+            // code.
+            std::memset(row, 0, f.rowBytes);
+            if (twoDimensional) {
+                if (bits.position >= int32_t(FaxModeRows)) bits.position = 0;
+                FaxReportUnexpectedCode();
+            }
+            return -3;
+        }
+        if (FaxStalledAt(f, bits, twoDimensional)) {
+            std::memset(row, 0, f.rowBytes);
+            for (uint32_t i = 0; i < f.stallReports; ++i) FaxReportUnexpectedCode();
+            return -3;
+        }
+    }
+    const FaxBits start = bits;
+    const uint32_t reportsBefore = faxReportCount;
+    const int32_t result = FaxDecodeRowFrom(bits, row, twoDimensional);
+    // A row that took no bit and found no data stalls the strip; it is
+    // kept only when it left nothing but a white row behind, which is what
+    // the stalled rows after it are then given.
+    if (result == -3 && bits.left == 0 && bits.cursor == start.cursor && bits.position == start.position &&
+        bits.curByte == start.curByte && FaxRowIsWhite(row, f.rowBytes)) {
+        f.stallCursor = bits.cursor;
+        f.stallPosition = bits.position;
+        f.stallCurByte = bits.curByte;
+        f.stall2D = uint32_t(twoDimensional);
+        f.stallReports = faxReportCount - reportsBefore;
+    }
+    return result;
+}
+
+bool FaxRowsStayBlank() {
+    if (faxState == nullptr) return false;
+    const FaxState &f = *faxState;
+    const FaxBits bits = LoadBits();
+    const bool twoDimensional = faxScheme == TiffCompressionCcittG4 || f.nextIs2D != 0;
+    // A two-dimensional row past the data reports, and may first reset a
+    // begun mode code; both are left to the row itself while they matter.
+    if (FaxStreamSpent(bits))
+        return !twoDimensional || (bits.position < int32_t(FaxModeRows) && !ReportIsHeard());
+    // A stalled row that reported is left to report again row by row
+    // (one-dimensional rows, the only ones seen to stall, do not report).
+    if (FaxStalledAt(f, bits, twoDimensional)) return f.stallReports == 0;
+    return false;
 }
 
 void FaxAdvanceReference(const uint8_t *row) {

@@ -41,6 +41,16 @@ struct FaxState {
     int32_t *curChanges;     // the changes of the row under decoding
     uint32_t refLineStale;   // 1: refLine does not hold refChanges' pixels yet
     uint32_t rowFromBitmap;  // 1: the last row was decoded against refLine
+    // A row that found no data (-3) but a few bits too short for a code
+    // leaves the stream as it was, so every later row of the strip would
+    // decode those bits again to the same end.  The stream it stopped on,
+    // its kind and how many reports it made are kept to give those rows
+    // at once; stallCursor is null when no row has stalled in this strip.
+    const uint8_t *stallCursor;
+    int32_t stallPosition;
+    uint32_t stallCurByte;
+    uint32_t stall2D;
+    uint32_t stallReports;
 };
 
 extern FaxState *faxState;  // null while no record exists
@@ -120,6 +130,11 @@ int32_t FaxDecodeRows(uint8_t *row, int32_t size);
 // Decodes rows of compression 4.  1, or 0 when a row ended short at a bad
 // code (reported).
 int32_t FaxDecodeRowsG4(uint8_t *row, int32_t size);
+// Whether every later row of the current strip would come out white, with
+// result -3, without a report anyone hears and without a change of state
+// but the row count: the strip has no bits left, or only the bits a row
+// has stalled on.  The reader then need not ask for those rows one by one.
+bool FaxRowsStayBlank();
 // Unlocks and frees the record's block if there is one; faxState is null after.
 void FaxRelease();
 

@@ -1,7 +1,9 @@
 // lines.cpp - ReadTIF, the strip engine and the uncompressed line decoder.
 //
 // ReadTIF asks TIFFDecodeLine for each row of the image, top row first, and
-// writes the rows into the bitmap block from its last row upward.  The strip
+// writes the rows into the bitmap block from its last row upward; only the
+// white rows of a fax strip whose data have run out are passed by, as the
+// zeroed block already holds them (SkipBlankLines).  The strip
 // engine keeps one strip in the strip buffer: a strip is read with one
 // TL_READ and decoded from memory, and the buffer is allocated anew only for
 // a strip larger than every one before it.
@@ -76,6 +78,22 @@ uint64_t StripByteCeiling() {
     return fileLength > image ? fileLength : image;
 }
 
+// Lines after line, in its strip, that the fax decoder would only give as
+// white rows (see FaxRowsStayBlank): they are counted as read and left as
+// the zeroed block has them.  A file may declare millions of rows over a
+// few bytes of data; this keeps the time such a file takes to the rows it
+// codes.  Other compressions ask for every line.
+uint32_t SkipBlankLines(uint32_t line) {
+    auto &t = TiffImage;
+    if (!t.isCcitt || t.rowsPerStrip == 0 || !FaxRowsStayBlank()) return 0;
+    const uint64_t stripEnd = (uint64_t(line / t.rowsPerStrip) + 1) * t.rowsPerStrip;
+    const uint64_t end = stripEnd < t.imageLength ? stripEnd : t.imageLength;
+    if (end <= uint64_t(line) + 1) return 0;
+    const auto skipped = uint32_t(end - line - 1);
+    t.currentRow += skipped;
+    return skipped;
+}
+
 void FormatRowMessage(const char *format, uint32_t row) {
     wsprintfA(TiffImage.messageBuffer, format, row);
     ReportError(ReadTitle, TiffImage.messageBuffer, 0);
@@ -133,6 +151,9 @@ TL_HANDLE ReadTIF(const char *name, int32_t imageNumber) {
                     ok = false;
                     break;
                 }
+                const uint32_t blank = SkipBlankLines(line);
+                line += blank;
+                row -= uintptr_t(blank) * rowBytes;
             }
             if (ok) {
                 StoreU32(bits + 0, 40);
