@@ -9,6 +9,7 @@
 #include "core/bytes.h"
 #include "fax_stream.h"
 #include "support/support.h"
+#include "support/tiff_builder.h"
 #include "tiff/fax_bits.h"
 #include "tiff/lines.h"
 
@@ -258,45 +259,12 @@ TEST(FaxRows2D, EolsAndBadModeCodes) {
     }
 }
 
-// A minimal TIFF around CCITT strips of rowsPerStrip rows each.
 std::vector<uint8_t> TiffFile(uint16_t compression, uint32_t width, uint32_t height,
                               const std::vector<std::vector<uint8_t>> &strips, uint32_t rowsPerStrip,
                               uint32_t group3Options = 0) {
-    const auto n = uint32_t(strips.size());
-    const uint32_t entries = 9;
-    const uint32_t arraysAt = 8 + 2 + entries * 12 + 4;
-    const uint32_t dataAt = arraysAt + 8 * n;
-    std::vector<uint8_t> f(dataAt, 0);
-    f[0] = 'I';
-    f[1] = 'I';
-    StoreU16(&f[2], 42);
-    StoreU32(&f[4], 8);
-    StoreU16(&f[8], uint16_t(entries));
-    uint32_t at = dataAt;
-    for (uint32_t i = 0; i < n; ++i) {
-        StoreU32(&f[arraysAt + 4 * i], at);
-        StoreU32(&f[arraysAt + 4 * (n + i)], uint32_t(strips[i].size()));
-        at += uint32_t(strips[i].size());
-    }
-    // One strip holds its offset and count in the entries themselves.
-    const uint32_t offsets = n == 1 ? dataAt : arraysAt;
-    const uint32_t counts = n == 1 ? uint32_t(strips[0].size()) : arraysAt + 4 * n;
-    const uint32_t tags[entries][4] = {{256, 4, 1, width},       {257, 4, 1, height},      {258, 3, 1, 1},
-                                       {259, 3, 1, compression}, {262, 3, 1, 0},           {273, 4, n, offsets},
-                                       {278, 4, 1, rowsPerStrip}, {279, 4, n, counts}, {292, 4, 1, group3Options}};
-    for (uint32_t i = 0; i < entries; ++i) {
-        uint8_t *e = &f[10 + 12 * i];
-        StoreU16(e, uint16_t(tags[i][0]));
-        StoreU16(e + 2, uint16_t(tags[i][1]));
-        StoreU32(e + 4, tags[i][2]);
-        StoreU32(e + 8, tags[i][3]);
-    }
-    for (const auto &strip : strips) f.insert(f.end(), strip.begin(), strip.end());
-    return f;
-}
-
-std::vector<uint8_t> TiffFile(uint16_t compression, uint32_t width, uint32_t height, const std::vector<uint8_t> &strip) {
-    return TiffFile(compression, width, height, {strip}, height);
+    auto b = test::TiffBuilder::Bilevel(width, height, compression, strips, rowsPerStrip);
+    if (group3Options) b.Long(292, group3Options);
+    return b.Short(262, 0).Build();
 }
 
 TEST(FaxRows2D, G4StreamCutShortReportsEachLaterRowAndIsRefused) {
@@ -333,7 +301,7 @@ TEST(FaxRows2D, G4StreamCutShortReportsEachLaterRowAndIsRefused) {
     // Through the reader: the image is refused and nothing is left behind.
     test::Recorder recorder;
     test::LeakGuard guard;
-    std::string path = test::WriteTemp("cut-g4.tif", TiffFile(4, width, height, cut));
+    std::string path = test::WriteTemp("cut-g4.tif", TiffFile(4, width, height, {cut}, height));
     ErrorClear();
     TL_HANDLE block = ReadTIF(path.c_str(), 0);
     EXPECT_EQ(block, nullptr);
@@ -342,7 +310,7 @@ TEST(FaxRows2D, G4StreamCutShortReportsEachLaterRowAndIsRefused) {
     EXPECT_EQ(recorder.reports[0].text, "Unexpected code in line " + std::to_string(firstLost));
     EXPECT_TRUE(guard.Same());
     // The whole stream loads.
-    std::string whole = test::WriteTemp("whole-g4.tif", TiffFile(4, width, height, w.bytes));
+    std::string whole = test::WriteTemp("whole-g4.tif", TiffFile(4, width, height, {w.bytes}, height));
     ErrorClear();
     block = ReadTIF(whole.c_str(), 0);
     EXPECT_NE(block, nullptr);
