@@ -270,6 +270,13 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges1DLocal(Fax
     int32_t result;
     FaxWindow w;
     FaxWindowStart(w, bits);
+    // A run that reaches the width ends the row there.
+    auto rowFull = [&]() {
+        FaxWindowSync(w, bits);
+        FaxEndRow1D(bits);
+        FaxCloseChanges(end, changes, width, width);
+        return 1;
+    };
     for (;;) {
         // Mostly a white and a black run by one look-up, where both lie
         // inside the row; else one run at a time.
@@ -288,24 +295,14 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges1DLocal(Fax
         }
         run = FaxRun1D(w, bits, 0);
         if (run < 0) break;
-        if (run >= width - pos) {  // compared so, no sum can wrap
-            pos = width;
-            FaxWindowSync(w, bits);
-            FaxEndRow1D(bits);
-            FaxCloseChanges(end, changes, pos, width);
-            return 1;
-        }
+        if (run >= width - pos) return rowFull();  // compared so, no sum can wrap
         pos += run;
         end = FaxPushChange(end, pos);
         run = FaxRun1D(w, bits, FaxBlack);
         if (run < 0) break;
         if (run >= width - pos) {  // clipped at the row's end
-            pos = width;
-            end = FaxPushChange(end, pos);
-            FaxWindowSync(w, bits);
-            FaxEndRow1D(bits);
-            FaxCloseChanges(end, changes, pos, width);
-            return 1;
+            end = FaxPushChange(end, width);
+            return rowFull();
         }
         pos += run;
         end = FaxPushChange(end, pos);
