@@ -276,8 +276,19 @@ Block *Find(void *handle) {
     return &block;
 }
 
+// Countdowns of FailAllocation and FailLock; 0 while off.
+std::atomic<int32_t> allocationsToFailure{0};
+std::atomic<int32_t> locksToFailure{0};
+
+bool FailsNow(std::atomic<int32_t> &countdown) {
+    int32_t n = countdown.load(std::memory_order_relaxed);
+    while (n > 0 && !countdown.compare_exchange_weak(n, n - 1, std::memory_order_relaxed)) {
+    }
+    return n == 1;
+}
+
 void *Allocate(UINT flags, uintptr_t bytes) {
-    if (bytes > MaxBlockSize) {
+    if (bytes > MaxBlockSize || FailsNow(allocationsToFailure)) {
         SetLastError(ENOMEM);
         return nullptr;
     }
@@ -362,6 +373,10 @@ void *Lock(void *handle) {
         return nullptr;
     }
     if (block->fixed) return block->data;
+    if (FailsNow(locksToFailure)) {
+        SetLastError(ENOMEM);
+        return nullptr;
+    }
     if (block->locks == 0) TL_UNPOISON(block->data, block->size);
     if (block->locks < INT32_MAX) block->locks++;  // beyond, the block simply stays locked
     return block->data;
@@ -426,4 +441,6 @@ HLOCAL LocalFree(HLOCAL block) { return Free(block); }
 
 namespace platform {
 int32_t LiveBlocks() { return liveBlocks.load(std::memory_order_relaxed); }
+int32_t FailAllocation(int32_t n) { return allocationsToFailure.exchange(n, std::memory_order_relaxed); }
+int32_t FailLock(int32_t n) { return locksToFailure.exchange(n, std::memory_order_relaxed); }
 }  // namespace platform

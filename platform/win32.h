@@ -90,6 +90,12 @@ char *_fullpath(char *buffer, const char *name, size_t size);
 namespace platform {
 int32_t LiveBlocks();   // Global and Local blocks not yet freed
 int32_t OpenFiles();    // CreateFileA handles not yet closed
+// The n-th allocation (GlobalAlloc, LocalAlloc) or lock of a movable block
+// from now on fails as out of memory, once; 0 fails none.  So that the
+// failure paths of the callers can be walked one by one.  Each returns
+// what was left of the count it replaces: 0 once that failure came.
+int32_t FailAllocation(int32_t n);
+int32_t FailLock(int32_t n);
 }  // namespace platform
 
 // ==== file dialogs and profile (platform/dialog.cpp, platform/profile.cpp) ====
