@@ -1,13 +1,13 @@
 // Format detection and the image-number protocol seen from the entry.
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <algorithm>
 #include <string>
 #include <vector>
 
-#include "core/bytes.h"
 #include "core/image.h"
 #include "platform/win32.h"
+#include "support/ras_writer.h"
 #include "support/support.h"
 
 namespace {
@@ -18,38 +18,48 @@ TL_HANDLE Load(const std::string &path, int32_t number = 0) {
     return TL_IMAGE_E(name.data(), number);
 }
 
-// A 2444-byte RAS header that passes the test with element 0, of the given
-// type and bits, to be spoilt by the cases.
-std::vector<uint8_t> RasHeader(const char *type, int32_t bits) {
-    std::vector<uint8_t> h(2444, 0);
-    memcpy(&h[0], "bild", 4);
-    StoreU32(&h[4], 100);
-    StoreU32(&h[8], 1);
-    h[2124] = 'p';
-    h[2348] = uint8_t(type[0]);
-    h[2349] = uint8_t(type[1]);
-    StoreU32(&h[2380], uint32_t(bits));
-    return h;
-}
-
-TEST(Detection, ShortAndUnknownFiles) {
+TEST(Detection, TheFirstBytesDecide) {
+    auto ras = [](test::RasHeader h) { return h.bytes; };
+    auto p = [](int32_t bits, int8_t o0 = 0, int8_t o1 = 0, const char *type = nullptr, const char *name = "p") {
+        return test::RasHeader("bild").Element(name, 0, 0, bits, o0, o1, type);
+    };
+    std::vector<uint8_t> cut = ras(p(8));
+    cut.resize(2443);
+    // LastImageType is TypePCX before each case; -1: it stays so.
+    struct Case { const char *what; std::vector<uint8_t> bytes; int32_t type; bool reported = false; } cases[] = {
+        {"1 byte", {'B'}, -1, true},
+        {"no byte", {}, -1, true},
+        {"PCX version 4", {0x0A, 0x04, 0, 0}, TypeUnknown},
+        {"GIF", {'G', 'I', 'F', '8'}, TypeUnknown},
+        {"half of a TIFF magic", {'M', 'I'}, TypeUnknown},
+        {"RAS 8-bit picture", ras(p(8)), TypeRAS},
+        {"RAS 4-bit picture", ras(p(4)), TypeRAS},
+        {"RAS bits not taken", ras(p(8, 0, 0, "bi")), TypeUnknown},
+        {"RAS upper-case name", ras(p(8, 0, 0, nullptr, "P")), TypeUnknown},
+        {"RAS order 2 x -2", ras(p(8, 2, -2)), TypeUnknown},
+        {"RAS order 1 x -2", ras(p(8, 1, -2)), TypeRAS},
+        {"magic bi but not bild", ras(test::RasHeader("bixd").Element("p", 0, 0, 8)), -1},
+        {"RAS record size 0", ras(test::RasHeader("bild", 0).Element("p", 0, 0, 8)), -1},
+        // Element 0 passes and matches nothing; the picture is element 1.
+        {"RAS picture is element 1", ras(p(0, 0, 0, "xx").Element("q", 0, 0, 8)), TypeRAS},
+        {"RAS header cut", cut, -1, true},
+    };
     test::LeakGuard guard;
-    for (size_t size : {0, 1}) {
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
         test::Recorder recorder;
-        std::string path = test::WriteTemp("short.bin", std::vector<uint8_t>(size, 'B'));
+        LastImageType = TypePCX;
+        std::string path = test::WriteTemp("candidate.bin", c.bytes);
         EXPECT_EQ(Load(path), nullptr);
-        ASSERT_EQ(recorder.reports.size(), 1u);
-        EXPECT_EQ(recorder.reports[0].title, "ReadIMG");
-        EXPECT_EQ(recorder.reports[0].text, path);
-        EXPECT_EQ(recorder.reports[0].withSystemText, 1);
-    }
-    for (std::vector<uint8_t> magic : {std::vector<uint8_t>{0x0A, 0x04, 0, 0}, {'G', 'I', 'F', '8'}, {'M', 'I'}}) {
-        test::Recorder recorder;
-        LastImageType = TypeBMP;
-        EXPECT_EQ(Load(test::WriteTemp("unknown.bin", magic)), nullptr);
-        EXPECT_TRUE(recorder.reports.empty());
-        EXPECT_EQ(TL_ERRORSTATUS_E(), 0);
-        EXPECT_EQ(LastImageType, TypeUnknown);
+        EXPECT_EQ(LastImageType, c.type < 0 ? TypePCX : c.type);
+        EXPECT_EQ(TL_ERRORSTATUS_E(), c.reported ? 1 : 0);
+        ASSERT_EQ(recorder.reports.size(), c.reported ? 1u : 0u);
+        if (c.reported) {
+            EXPECT_EQ(recorder.reports[0].title, "ReadIMG");
+            EXPECT_EQ(recorder.reports[0].text, path);
+            EXPECT_EQ(recorder.reports[0].withSystemText, 1);
+        }
+        if (c.type != TypeUnknown) continue;
         // With nothing detected, an empty or NULL name reaches no reader.
         EXPECT_EQ(Load(""), nullptr);
         EXPECT_EQ(TL_IMAGE_E(nullptr, 0), nullptr);
@@ -58,66 +68,16 @@ TEST(Detection, ShortAndUnknownFiles) {
     EXPECT_TRUE(guard.Same());
 }
 
-TEST(Detection, TheRasTest) {
+TEST(Detection, NumbersResetsAndAClearStartForEachCall) {
+    test::Recorder recorder;
     test::LeakGuard guard;
-    struct Case {
-        const char *label;
-        std::vector<uint8_t> bytes;
-        int32_t type;  // -1: LastImageType stays
-    };
-    std::vector<Case> cases;
-    auto spoil = [](std::vector<uint8_t> h, size_t at, uint8_t value) {
-        h[at] = value;
-        return h;
-    };
-    cases.push_back({"8-bit picture", RasHeader("un", 8), TypeRAS});
-    cases.push_back({"4-bit picture", RasHeader("bi", 4), TypeRAS});
-    cases.push_back({"bits not taken", RasHeader("bi", 8), TypeUnknown});
-    cases.push_back({"upper-case name", spoil(RasHeader("un", 8), 2124, 'P'), TypeUnknown});
-    cases.push_back({"order 2 x 2", spoil(spoil(RasHeader("un", 8), 2316, 2), 2317, 0xFE), TypeUnknown});
-    cases.push_back({"order 1 x -2", spoil(spoil(RasHeader("un", 8), 2316, 1), 2317, 0xFE), TypeRAS});
-    cases.push_back({"magic bi but not bild", spoil(RasHeader("un", 8), 2, 'x'), -1});
-    auto zeroSize = RasHeader("un", 8);
-    StoreU32(&zeroSize[4], 0);
-    cases.push_back({"record size 0", zeroSize, -1});
-    // The picture may be a later element: element 0 passes and matches nothing.
-    auto later = RasHeader("xx", 0);
-    later[2128] = 'q';
-    later[2350] = 'u';
-    later[2351] = 'n';
-    StoreU32(&later[2384], 8);
-    cases.push_back({"picture is element 1", later, TypeRAS});
-    auto cut = RasHeader("un", 8);
-    cut.resize(2443);
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.label);
-        test::Recorder recorder;
-        LastImageType = TypePCX;
-        EXPECT_EQ(Load(test::WriteTemp("candidate.ras", c.bytes)), nullptr);
-        EXPECT_TRUE(recorder.reports.empty());
-        EXPECT_EQ(LastImageType, c.type < 0 ? TypePCX : c.type);
-    }
-    test::Recorder recorder;
-    std::string path = test::WriteTemp("cut.ras", cut);
-    EXPECT_EQ(Load(path), nullptr);
-    ASSERT_EQ(recorder.reports.size(), 1u);
-    EXPECT_EQ(recorder.reports[0].text, path);
-    EXPECT_TRUE(guard.Same());
-}
-
-TEST(Detection, FurtherImagesExistOnlyInRasFiles) {
-    test::Recorder recorder;
     std::string path = test::Fixture("bmp/magick_1bit.bmp");
+    // Further images exist only in RAS files; the format is still noted.
     LastImageType = TypeUnknown;
     EXPECT_EQ(Load(path, 1), nullptr);
     EXPECT_EQ(LastImageType, TypeBMP);
-    EXPECT_TRUE(recorder.reports.empty());
     EXPECT_EQ(TL_ERRORSTATUS_E(), 0);
-}
-
-TEST(Detection, AResetLeavesTheLastTypeAndEmptiesTheMemo) {
-    test::Recorder recorder;
-    std::string path = test::Fixture("bmp/magick_1bit.bmp");
+    // A reset keeps the last type and empties the memo: an empty name then names nothing.
     TL_HANDLE block = Load(path, -3);
     ASSERT_NE(block, nullptr);
     GlobalFree(block);
@@ -128,17 +88,13 @@ TEST(Detection, AResetLeavesTheLastTypeAndEmptiesTheMemo) {
     ASSERT_EQ(recorder.reports.size(), 1u);
     EXPECT_EQ(recorder.reports[0].title, "TOPEN");
     EXPECT_EQ(recorder.reports[0].text, "TL_OPEN  empty filename");
-}
-
-TEST(Detection, EachCallStartsWithAClearErrorState) {
-    test::Recorder recorder;
-    TL_HANDLE none = Load(test::WriteTemp("one.bin", {'B'}));
-    EXPECT_EQ(none, nullptr);
+    // The next call starts with a clear error state.
     EXPECT_EQ(TL_ERRORSTATUS_E(), 1);
-    TL_HANDLE block = Load(test::Fixture("bmp/magick_1bit.bmp"));
+    block = Load(path);
     EXPECT_NE(block, nullptr);
     EXPECT_EQ(TL_ERRORSTATUS_E(), 0);
     GlobalFree(block);
+    EXPECT_TRUE(guard.Same());
 }
 
 }  // namespace
