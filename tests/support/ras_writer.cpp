@@ -4,13 +4,12 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/bytes.h"
+
 namespace test {
 
 namespace {
 
-void PutI32(std::vector<uint8_t> &b, size_t at, int32_t v) {
-    for (int i = 0; i < 4; ++i) b[at + i] = uint8_t(uint32_t(v) >> (8 * i));
-}
 void PutText(std::vector<uint8_t> &b, size_t at, const char *text, size_t most) {
     memcpy(b.data() + at, text, strnlen(text, most));
 }
@@ -26,6 +25,7 @@ Parts PartsOf(const RasLayout &l) {
     return {0, size_t(l.before + l.after), true};
 }
 
+// Rows and columns of a fixed picture: the layout's, or those of the first picture.
 int32_t FixedRows(const RasLayout &l, const RasPicture &first) { return l.headerRows ? l.headerRows : first.rows; }
 int32_t FixedCols(const RasLayout &l, const RasPicture &first) { return l.headerCols ? l.headerCols : first.cols; }
 size_t FixedPixelBytes(const RasLayout &l, const RasPicture &first) {
@@ -50,7 +50,8 @@ std::vector<uint8_t> HeaderFor(const RasLayout &l, const RasPicture &first) {
     }
     if (l.before > 0) h.Element("info", l.before, 0, 8);
     if (l.bimp && l.dim > 0) h.Element("dims", l.dim, 0, 8);
-    h.Element("bild", l.variable ? -1 : FixedRows(l, first), l.variable ? -1 : FixedCols(l, first), l.bits, l.order0, 2);
+    if (l.variable) h.Element("bild", -1, -1, l.bits, l.order0, 2);
+    if (!l.variable) h.Element("bild", FixedRows(l, first), FixedCols(l, first), l.bits, l.order0, 2);
     if (l.after > 0) h.Element("note", l.after, 0, 8);
     return h.bytes;
 }
@@ -79,20 +80,20 @@ std::vector<uint8_t> PixelsFor(const RasLayout &l, const RasPicture &pic) {
 
 RasHeader::RasHeader(const char *magic, int32_t recordSize) : bytes(2444, 0) {
     PutText(bytes, 0, magic, 4);
-    PutI32(bytes, 4, recordSize);
-    PutI32(bytes, 8, 1);
+    StoreU32(&bytes[4], uint32_t(recordSize));
+    StoreU32(&bytes[8], 1);
 }
 
 RasHeader &RasHeader::Element(const char *name, int32_t dim0, int32_t dim1, int32_t bits, int8_t order0,
                               int8_t order1, const char *type) {
     const size_t s = size_t(slot++);
     PutText(bytes, 2124 + 4 * s, name, 4);
-    PutI32(bytes, 2188 + 8 * s, dim0);
-    PutI32(bytes, 2192 + 8 * s, dim1);
+    StoreU32(&bytes[2188 + 8 * s], uint32_t(dim0));
+    StoreU32(&bytes[2192 + 8 * s], uint32_t(dim1));
     bytes[2316 + 2 * s] = uint8_t(order0);
     bytes[2317 + 2 * s] = uint8_t(order1);
     PutText(bytes, 2348 + 2 * s, type ? type : bits == 8 ? "un" : "bi", 2);
-    PutI32(bytes, 2380 + 4 * s, bits);
+    StoreU32(&bytes[2380 + 4 * s], uint32_t(bits));
     return *this;
 }
 
@@ -121,8 +122,8 @@ std::vector<uint8_t> MakeRas(const RasLayout &l, const std::vector<RasPicture> &
     for (size_t i = 0; i < pictures.size(); ++i) {
         file.resize(places[i].end, 0xA5);  // bytes of the elements that are stepped over
         if (l.bimp || l.variable) {
-            PutI32(file, places[i].size, pictures[i].rows);
-            PutI32(file, places[i].size + 4, pictures[i].cols);
+            StoreU32(&file[places[i].size], uint32_t(pictures[i].rows));
+            StoreU32(&file[places[i].size + 4], uint32_t(pictures[i].cols));
         }
         std::vector<uint8_t> pixels = PixelsFor(l, pictures[i]);
         if (!l.variable) pixels.resize(FixedPixelBytes(l, pictures[0]), 0);
@@ -144,7 +145,7 @@ RasPicture PatternPicture(int32_t rows, int32_t cols, int32_t bits, uint32_t see
 
 std::vector<std::array<uint8_t, 4>> TestPalette(int count) {
     std::vector<std::array<uint8_t, 4>> out;
-    for (int i = 0; i < count; ++i) out.push_back({uint8_t(i * 17), uint8_t(255 - i * 13), uint8_t((i * 97) & 0xFF), 0});
+    for (int i = 0; i < count; ++i) out.push_back({uint8_t(i * 17), uint8_t(255 - i * 13), uint8_t(i * 97), 0});
     return out;
 }
 
