@@ -76,8 +76,8 @@ TEST(BmpReader, EachFileGivesItsBlockOrItsReports) {
         EXPECT_EQ(block == nullptr, !c.reports.empty());
         EXPECT_EQ(TL_ERRORSTATUS_E(), c.reports.empty() ? 0 : 1);
         std::vector<std::string> want;
-        for (std::string r : c.reports) want.push_back("ReadDIB: " + (r[0] == '@' ? r.replace(0, 1, path) : r));
-        EXPECT_EQ(test::Heard(recorder), want);
+        for (const std::string &r : c.reports) want.push_back("ReadDIB: " + r);
+        EXPECT_EQ(test::Heard(recorder, path), want);
         std::vector<uint8_t> b = block ? test::BlockBytes(block) : std::vector<uint8_t>();
         test::FreeBlock(block);
         EXPECT_TRUE(guard.Same());

@@ -17,12 +17,15 @@ inline TL_HANDLE Load(const std::string &path, int32_t number = 0) {
     return TL_IMAGE_E(name.data(), number);
 }
 
-// The reports heard so far, each as "title: text (withSystemText)"; the
-// recorder forgets them.
-inline std::vector<std::string> Heard(Recorder &recorder) {
+// The reports heard so far, each as "title: text (withSystemText)" with
+// `path` in the text written "@"; the recorder forgets them.
+inline std::vector<std::string> Heard(Recorder &recorder, const std::string &path = "") {
     std::vector<std::string> out;
-    for (const Report &r : recorder.reports)
+    for (Report &r : recorder.reports) {
+        if (size_t at = path.empty() ? std::string::npos : r.text.find(path); at != std::string::npos)
+            r.text.replace(at, path.size(), "@");
         out.push_back(r.title + ": " + r.text + " (" + std::to_string(r.withSystemText) + ")");
+    }
     recorder.reports.clear();
     return out;
 }
