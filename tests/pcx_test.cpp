@@ -34,8 +34,8 @@ Bytes Pcx(int planes, int bytesPerLine, int width, int height, const Bytes &data
 // Every file gives its block or its reports, and leaves nothing behind.  A
 // block has the full header, the fixed palette, the rows given (top row
 // first, each a whole stride) and, for an encoder's file, the pixels of its
-// source.  Files go through the entry, failing ones straight to the reader
-// (some would not pass the detection).
+// source.  Files go through the entry, but for maker 11 and versions 1 and 4,
+// which the detection does not pass, straight to the reader.
 TEST(PcxReader, EachFileGivesItsBlockOrItsReports) {
     auto inv = [](Bytes b) {  // one plane: a file bit 1 is white, so the block bit is 0
         for (uint8_t &v : b) v = uint8_t(~v);
@@ -137,7 +137,8 @@ TEST(PcxReader, EachFileGivesItsBlockOrItsReports) {
         test::LeakGuard guard;
         test::Recorder recorder;
         std::string path = test::WriteTemp("case.pcx", c.file);
-        TL_HANDLE block = c.reports.empty() ? Load(path) : ReadPCX(path.c_str(), 0);
+        bool detected = c.file[0] == 10 && c.file[1] != 1 && c.file[1] != 4;
+        TL_HANDLE block = detected ? Load(path) : ReadPCX(path.c_str(), 0);
         EXPECT_EQ(block == nullptr, !c.reports.empty());
         std::vector<std::string> want;
         for (const std::string &r : c.reports) want.push_back("ReadPCX: " + r);
