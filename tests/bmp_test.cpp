@@ -16,9 +16,8 @@ namespace {
 
 using test::Load;
 
-// A 1-bit file of 8 x 2 pixels with a 40-byte header (rows 0x0F, 0xF0),
-// with the 32-bit values `patches` stored at their offsets and cut or
-// padded with zeros to `size` bytes.
+// A 1-bit file of 8 x 2 pixels, 40-byte header, rows 0x0F and 0xF0; `patches` are
+// 32-bit values at their offsets, and the file is cut or padded to `size`.
 std::vector<uint8_t> Tiny(std::vector<std::pair<size_t, uint32_t>> patches = {}, size_t size = 70) {
     std::vector<uint8_t> b = {'B', 'M'};
     b.resize(70, 0);
@@ -29,9 +28,8 @@ std::vector<uint8_t> Tiny(std::vector<std::pair<size_t, uint32_t>> patches = {},
     return b;
 }
 
-// Files from independent encoders and damaged or unusual ones: each gives
-// its block (a full header, the file's rows unchanged, the source's pixels)
-// or its reports, and leaves nothing behind.
+// Each file gives its block (full header, the file's rows unchanged, an encoder's
+// source) or its reports, and leaves nothing behind.
 TEST(BmpReader, EachFileGivesItsBlockOrItsReports) {
     struct Case {
         const char *what;

@@ -31,11 +31,8 @@ Bytes Pcx(int planes, int bytesPerLine, int width, int height, const Bytes &data
     return f;
 }
 
-// Every file gives its block or its reports, and leaves nothing behind.  A
-// block has the full header, the fixed palette, the rows given (top row
-// first, each a whole stride) and, for an encoder's file, the pixels of its
-// source.  Files go through the entry, but for maker 11 and versions 1 and 4,
-// which the detection does not pass, straight to the reader.
+// Each file gives its block (header, fixed palette, rows top row first, an encoder's source) or its reports, and
+// leaves nothing behind.  Headers the detection does not pass go straight to the reader.
 TEST(PcxReader, EachFileGivesItsBlockOrItsReports) {
     auto inv = [](Bytes b) {  // one plane: a file bit 1 is white, so the block bit is 0
         for (uint8_t &v : b) v = uint8_t(~v);

@@ -138,9 +138,8 @@ TEST(RasHeader, LayoutValuesAndRejections) {
 
 TEST(RasHeader, Palettes) {
     auto picture = [](RasHeader h) { return h.Element("bild", -1, -1, 4, 1, 2); };
-    // "clrs" read like atoi, in any slot; entries 0 to 7 in the slot of
-    // "rgbq", 8 to 15 at the start of the next slot whatever its key; hex
-    // digits in either case, any ninth char.
+    // "clrs" read like atoi, in any slot; entries 8 to 15 start the slot after "rgbq", whatever its key; hex digits
+    // in either case, any ninth char.
     char text[16 * 9 + 1];
     for (int e = 0; e < 16; ++e) snprintf(text + 9 * e, 10, "%02xbBCc%02X/", 16 * e + 10, e);
     RasHeader h = RasHeader("bimp").Key(5, "clrs", " +16").Key(3, "rgbq", std::string(text, 72));
@@ -297,10 +296,8 @@ TEST(RasSamples, TheSamplesShowTheirSourcePictures) {
     EXPECT_TRUE(guard.Same());
 }
 
-// Files cut anywhere, and stored sizes that lie (the format does not test
-// them): the images in front of the damage come out, then a walk ends with
-// 0, as do numbered reads of the damaged record and past it, with no report
-// even to a callback, nothing written or read out of bounds, nothing left.
+// Cut files and lying stored sizes: the images before the damage, then 0 for a walk and for numbered reads of the
+// damaged record, with no report even to a callback and nothing left behind.
 TEST(RasDamage, CutFilesAndLyingSizesGiveZeroSilently) {
     struct Damaged { std::string what; RasLayout layout; std::vector<RasPicture> pics; std::vector<uint8_t> bytes;
                      size_t whole; std::vector<int32_t> numbers; };
@@ -362,9 +359,8 @@ TEST(RasDamage, CutFilesAndLyingSizesGiveZeroSilently) {
 }
 
 TEST(RasDamage, AReadTheSystemRefusesReachesTheCallbackOnly) {
-    // A file that shrinks during a walk (its length was taken at the open):
-    // a silent attempt, heard by the callback, with no quit message though
-    // ErrorContinue is 0, and no error left behind.
+    // A file that shrinks during a walk: the callback hears the short read, but no quit message is posted though
+    // ErrorContinue is 0, and no error is left behind.
     auto pictures = ThreePictures();
     std::string path = test::WriteTemp("shrinks.ras", MakeRas(Bild1, pictures));
     test::Recorder recorder(0, 1);

@@ -1,7 +1,5 @@
-// ras_writer.h - RAS files for the tests, written from the format's
-// description and not from the reader: a header built field by field, and
-// whole files whose records are laid out as prefix, stored size, gap,
-// pixels, with the header's element list describing exactly that.
+// ras_writer.h - RAS headers and files for the tests, written from the format
+// and not from the reader: records of prefix, stored size, gap and pixels.
 #pragma once
 
 #include <array>
