@@ -2,199 +2,119 @@
 // file can fail.
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <algorithm>
 #include <string>
 #include <vector>
 
 #include "core/bytes.h"
 #include "core/image.h"
 #include "platform/win32.h"
+#include "support/load.h"
 #include "support/pnm.h"
-#include "support/support.h"
 
 namespace {
 
-struct BmpCase {
-    const char *file;
-    const char *source;
-    uint16_t bits;
-    uint32_t colours;
-};
+using test::Load;
 
-const BmpCase EncodedFiles[] = {
-    {"netpbm_1bit.bmp", "text.pbm", 1, 2},      {"netpbm_1bit_os2.bmp", "text.pbm", 1, 2},
-    {"magick_1bit.bmp", "text.pbm", 1, 2},      {"pillow_1bit.bmp", "text.pbm", 1, 2},
-    {"white_first_1bit.bmp", "text.pbm", 1, 2}, {"offbits0_1bit.bmp", "text.pbm", 1, 2},
-    {"pillow_8bit.bmp", "text.pbm", 8, 256},    {"netpbm_4bit.bmp", "colours.ppm", 4, 16},
-    {"magick_4bit.bmp", "colours.ppm", 4, 16},  {"magick_4bit_os2.bmp", "colours.ppm", 4, 16},
-    {"netpbm_8bit_os2.bmp", "colours.ppm", 8, 256},
-};
-
-TL_HANDLE Load(const std::string &path, int32_t number = 0) {
-    std::vector<char> name(path.begin(), path.end());
-    name.resize(260, '\0');
-    return TL_IMAGE_E(name.data(), number);
-}
-
-TEST(BmpReader, EncodedFilesGiveTheirPixelsAndAFullHeader) {
-    test::QuietDefaults();
-    for (const BmpCase &c : EncodedFiles) {
-        SCOPED_TRACE(c.file);
-        test::LeakGuard guard;
-        std::string path = test::Fixture(std::string("bmp/") + c.file);
-        TL_HANDLE block = Load(path);
-        ASSERT_NE(block, nullptr);
-        EXPECT_EQ(LastImageType, TypeBMP);
-        std::vector<uint8_t> bytes = test::BlockBytes(block);
-        std::vector<uint8_t> file = test::ReadFileBytes(path);
-        EXPECT_EQ(LoadU32(&bytes[0]), 40u);
-        EXPECT_EQ(LoadU16(&bytes[14]), c.bits);
-        EXPECT_EQ(LoadU32(&bytes[32]), c.colours);
-        EXPECT_EQ(LoadU32(&bytes[36]), LoadU32(&file[14]) == 40 && LoadU32(&file[46]) != 0 ? LoadU32(&file[50]) : c.colours);
-        uint32_t width = LoadU32(&bytes[4]), height = LoadU32(&bytes[8]);
-        uint32_t stride = ((width * c.bits + 31) / 32) * 4;
-        EXPECT_EQ(LoadU32(&bytes[20]), stride * height) << "biSizeImage given or computed";
-        EXPECT_EQ(bytes.size(), 40 + 4 * c.colours + stride * height);
-
-        // The rows are the file's bytes from bfOffBits (or right behind the
-        // palette), unchanged.
-        uint32_t offBits = LoadU32(&file[10]);
-        uint32_t coreSize = LoadU32(&file[14]);
-        uint32_t pixelsAt = offBits ? offBits : 14 + coreSize + (coreSize == 40 ? 4 : 3) * c.colours;
-        EXPECT_EQ(0, memcmp(&bytes[40 + 4 * c.colours], &file[pixelsAt], stride * height));
-
-        test::Rgb expected, actual;
-        ASSERT_TRUE(test::ReadPnm(test::Fixture(std::string("bmp/src/") + c.source), expected));
-        ASSERT_TRUE(test::DibToRgb(bytes, actual));
-        EXPECT_EQ(test::FirstDifference(expected, actual), "");
-        GlobalFree(block);
-        EXPECT_TRUE(guard.Same());
-        EXPECT_EQ(TL_ERRORSTATUS_E(), 0);
-    }
-}
-
-// A well-formed 1-bit file of 8 x 2 pixels, 40-byte header, to be damaged.
-std::vector<uint8_t> TinyBmp() {
-    std::vector<uint8_t> b(14 + 40 + 8 + 8, 0);
-    b[0] = 'B';
-    b[1] = 'M';
-    StoreU32(&b[2], uint32_t(b.size()));
-    StoreU32(&b[10], 62);
-    StoreU32(&b[14], 40);
-    StoreU32(&b[18], 8);
-    StoreU32(&b[22], 2);
-    StoreU16(&b[26], 1);
-    StoreU16(&b[28], 1);
-    b[58] = b[59] = b[60] = 0xFF;
-    b[62] = 0x0F;
-    b[66] = 0xF0;
+// A 1-bit file of 8 x 2 pixels, 40-byte header, rows 0x0F and 0xF0; `patches` are
+// 32-bit values at their offsets, and the file is cut or padded to `size`.
+std::vector<uint8_t> Tiny(std::vector<std::pair<size_t, uint32_t>> patches = {}, size_t size = 70) {
+    std::vector<uint8_t> b = {'B', 'M'};
+    b.resize(70, 0);
+    patches.insert(patches.begin(), {{2, 70}, {10, 62}, {14, 40}, {18, 8}, {22, 2}, {26, 0x10001}, {58, 0xFFFFFF},
+                                     {62, 0x0F}, {66, 0xF0}});
+    for (auto [at, v] : patches) StoreU32(&b[at], v);
+    b.resize(size, 0);
     return b;
 }
 
-struct Failure {
-    const char *label;
-    std::vector<uint8_t> bytes;
-    std::vector<std::string> texts;  // "" stands for the full path
-    std::vector<int32_t> system;
-};
-
-TEST(BmpReader, EveryFailureReportsAndLeavesNothingBehind) {
-    std::vector<Failure> failures;
-    auto cut = [](size_t n) {
-        auto b = TinyBmp();
-        b.resize(n);
-        return b;
+// Each file gives its block (full header, the file's rows unchanged, an encoder's
+// source) or its reports, and leaves nothing behind.
+TEST(BmpReader, EachFileGivesItsBlockOrItsReports) {
+    struct Case {
+        const char *what;
+        std::vector<uint8_t> bytes;
+        std::vector<std::string> reports;  // "text (withSystemText)" of ReadDIB, "@" standing for the path
+        uint16_t bits = 0;
+        uint32_t colours = 0;
+        const char *source = nullptr;
     };
-    failures.push_back({"file header cut", cut(13), {"Can't read BitMapFileHeader"}, {1}});
-    failures.push_back({"header size cut", cut(17), {"Can't read size of BitMapInfoHeader"}, {1}});
-    failures.push_back({"info header cut", cut(53), {"Can't read BitMapInfoHeader"}, {1}});
-    auto core = TinyBmp();
-    StoreU32(&core[14], 12);
-    core.resize(25);
-    failures.push_back({"core header cut", core, {"Can't read BitMapCoreHeader"}, {1}});
-    auto size20 = TinyBmp();
-    StoreU32(&size20[14], 20);
-    failures.push_back({"header size 20", size20, {"Wrong header size in bitmap file"}, {0}});
-    auto deep = TinyBmp();
-    StoreU16(&deep[28], 24);
-    failures.push_back({"24 bits, no palette count", deep, {"No colors in bitmap file", "No colors in bitmap file"}, {0, 0}});
-    failures.push_back({"palette cut", cut(60), {"Can't read RGBPalette"}, {1}});
-    failures.push_back({"pixels cut", cut(65), {""}, {1}});
-    auto seek = TinyBmp();
-    StoreU32(&seek[10], 0x80000000u);  // a position before the start of the file
-    failures.push_back({"seek refused", seek, {"SEEK error in BMP file"}, {1}});
-    auto huge = TinyBmp();
-    StoreU32(&huge[34], 0xFFFFFFF0u);  // biSizeImage that wraps the block size
-    failures.push_back({"size wraps", huge, {"Out of memory"}, {0}});
-
-    for (const Failure &f : failures) {
-        SCOPED_TRACE(f.label);
-        std::string path = test::WriteTemp("broken.bmp", f.bytes);
+    auto encoded = [](const char *file, uint16_t bits, uint32_t colours, const char *source) {
+        return Case{file, test::ReadFileBytes(test::Fixture(std::string("bmp/") + file)), {}, bits, colours, source};
+    };
+    const Case cases[] = {
+        encoded("netpbm_1bit.bmp", 1, 2, "text.pbm"),         encoded("netpbm_1bit_os2.bmp", 1, 2, "text.pbm"),
+        encoded("magick_1bit.bmp", 1, 2, "text.pbm"),         encoded("pillow_1bit.bmp", 1, 2, "text.pbm"),
+        encoded("white_first_1bit.bmp", 1, 2, "text.pbm"),    encoded("offbits0_1bit.bmp", 1, 2, "text.pbm"),
+        encoded("pillow_8bit.bmp", 8, 256, "text.pbm"),       encoded("netpbm_4bit.bmp", 4, 16, "colours.ppm"),
+        encoded("magick_4bit.bmp", 4, 16, "colours.ppm"),     encoded("magick_4bit_os2.bmp", 4, 16, "colours.ppm"),
+        encoded("netpbm_8bit_os2.bmp", 8, 256, "colours.ppm"),
+        {"file header cut", Tiny({}, 13), {"Can't read BitMapFileHeader (1)"}},
+        {"header size cut", Tiny({}, 17), {"Can't read size of BitMapInfoHeader (1)"}},
+        {"info header cut", Tiny({}, 53), {"Can't read BitMapInfoHeader (1)"}},
+        {"core header cut", Tiny({{14, 12}}, 25), {"Can't read BitMapCoreHeader (1)"}},
+        {"header size 20", Tiny({{14, 20}}), {"Wrong header size in bitmap file (0)"}},
+        {"24 bits, no palette count", Tiny({{28, 24}}),
+         {"No colors in bitmap file (0)", "No colors in bitmap file (0)"}},
+        {"palette cut", Tiny({}, 60), {"Can't read RGBPalette (1)"}},
+        {"pixels cut", Tiny({}, 65), {"@ (1)"}},
+        {"seek refused", Tiny({{10, 0x80000000u}}), {"SEEK error in BMP file (1)"}},  // before the file's start
+        {"size wraps the block size", Tiny({{34, 0xFFFFFFF0u}}), {"Out of memory (0)"}},
+        {"24 bits with biClrUsed 2", Tiny({{28, 24}, {46, 2}}, 62 + 24 * 2), {}, 24, 2},
+        // A biClrUsed above 65535 keeps its low 16 bits as the count, and the
+        // block says so, so that palette and rows agree.
+        {"biClrUsed 0x10002", Tiny({{46, 0x10002}, {50, 0x10002}}), {}, 1, 2},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        std::string path = test::WriteTemp("case.bmp", c.bytes);
         test::LeakGuard guard;
         test::Recorder recorder;
-        EXPECT_EQ(Load(path), nullptr);
-        EXPECT_EQ(TL_ERRORSTATUS_E(), 1);
-        ASSERT_EQ(recorder.reports.size(), f.texts.size());
-        for (size_t i = 0; i < f.texts.size(); ++i) {
-            EXPECT_EQ(recorder.reports[i].title, "ReadDIB");
-            EXPECT_EQ(recorder.reports[i].text, f.texts[i].empty() ? path : f.texts[i]);
-            EXPECT_EQ(recorder.reports[i].withSystemText, f.system[i]);
-        }
+        TL_HANDLE block = Load(path);
+        EXPECT_EQ(block == nullptr, !c.reports.empty());
+        EXPECT_EQ(TL_ERRORSTATUS_E(), c.reports.empty() ? 0 : 1);
+        std::vector<std::string> want;
+        for (const std::string &r : c.reports) want.push_back("ReadDIB: " + r);
+        EXPECT_EQ(test::Heard(recorder, path), want);
+        std::vector<uint8_t> b = block ? test::BlockBytes(block) : std::vector<uint8_t>();
+        test::FreeBlock(block);
         EXPECT_TRUE(guard.Same());
+        if (!block) continue;
+        EXPECT_EQ(LastImageType, TypeBMP);
+        const std::vector<uint8_t> &f = c.bytes;
+        uint32_t core = LoadU32(&f[14]), imageSize = ((LoadU32(&b[4]) * c.bits + 31) / 32) * 4 * LoadU32(&b[8]);
+        EXPECT_EQ(LoadU32(&b[0]), 40u);
+        EXPECT_EQ(LoadU16(&b[14]), c.bits);
+        EXPECT_EQ(LoadU32(&b[32]), c.colours);
+        EXPECT_EQ(LoadU32(&b[36]), core == 40 && LoadU32(&f[46]) != 0 ? LoadU32(&f[50]) : c.colours);
+        EXPECT_EQ(LoadU32(&b[20]), imageSize) << "biSizeImage given or computed";
+        ASSERT_EQ(b.size(), 40 + 4 * c.colours + imageSize);
+        // The rows are the file's bytes from bfOffBits, or right behind the palette.
+        size_t at = LoadU32(&f[10]) ? LoadU32(&f[10]) : 14 + core + (core == 40 ? 4 : 3) * c.colours;
+        EXPECT_TRUE(std::equal(b.end() - imageSize, b.end(), f.begin() + long(at)));
+        if (!c.source) continue;
+        test::Rgb expected, actual;
+        ASSERT_TRUE(test::ReadPnm(test::Fixture(std::string("bmp/src/") + c.source), expected));
+        ASSERT_TRUE(test::DibToRgb(b, actual));
+        EXPECT_EQ(test::FirstDifference(expected, actual), "");
     }
-}
-
-TEST(BmpReader, PaletteCountsBeyondTheBitDepth) {
-    test::Recorder recorder;
-    // 24 bits with biClrUsed 2 loads, with two palette entries.
-    auto deep = TinyBmp();
-    StoreU16(&deep[28], 24);
-    StoreU32(&deep[46], 2);
-    deep.resize(62 + 24 * 2);
-    std::string path = test::WriteTemp("deep.bmp", deep);
-    TL_HANDLE block = Load(path);
-    ASSERT_NE(block, nullptr);
-    auto bytes = test::BlockBytes(block);
-    EXPECT_EQ(LoadU32(&bytes[32]), 2u);
-    EXPECT_EQ(bytes.size(), 40u + 8 + 24 * 2);
-    GlobalFree(block);
-
-    // A biClrUsed above 65535 keeps the low 16 bits as its count, and the
-    // block says so, so that rows and palette agree.
-    auto wide = TinyBmp();
-    StoreU32(&wide[46], 0x10002);
-    StoreU32(&wide[50], 0x10002);
-    path = test::WriteTemp("wide.bmp", wide);
-    block = Load(path);
-    ASSERT_NE(block, nullptr);
-    bytes = test::BlockBytes(block);
-    EXPECT_EQ(LoadU32(&bytes[32]), 2u);
-    EXPECT_EQ(bytes[48], 0x0F);
-    GlobalFree(block);
-    EXPECT_TRUE(recorder.reports.empty());
 }
 
 TEST(BmpReader, AWalkGivesTheImageThenNothingThenTheImage) {
     test::Recorder recorder;
     test::LeakGuard guard;
-    std::string path = test::Fixture("bmp/magick_1bit.bmp");
-    TL_HANDLE first = Load(path, -1);
-    EXPECT_NE(first, nullptr);
-    EXPECT_EQ(Load(path, -1), nullptr);
-    EXPECT_EQ(TL_ERRORSTATUS_E(), 0);
-    TL_HANDLE again = Load(path, -1);
-    EXPECT_NE(again, nullptr);
-    // A call with 0 for the walked file still ends the walk, and the next reads.
-    EXPECT_EQ(Load(path, 0), nullptr);
-    TL_HANDLE after = Load(path, 0);
-    EXPECT_NE(after, nullptr);
-    // An empty name means the file of the last negative number; below -1 no
-    // walk ends.
-    TL_HANDLE walked = Load(path, -2);
-    TL_HANDLE empty = Load("", 0);
-    EXPECT_NE(empty, nullptr);
-    for (TL_HANDLE block : {first, again, after, walked, empty}) GlobalFree(block);
-    EXPECT_TRUE(recorder.reports.empty());
+    const std::string path = test::Fixture("bmp/magick_1bit.bmp");
+    // The image, 0, the image; 0 for the walked file still ends the walk, and the next call reads; an empty
+    // name means the file of the last negative number, and below -1 no walk ends.
+    const int32_t numbers[] = {-1, -1, -1, 0, 0, -2, 0};
+    const bool images[] = {true, false, true, false, true, true, true};
+    for (size_t i = 0; i < std::size(numbers); ++i) {
+        TL_HANDLE block = Load(i == 6 ? "" : path, numbers[i]);
+        EXPECT_EQ(block != nullptr, images[i]) << "call " << i;
+        EXPECT_EQ(TL_ERRORSTATUS_E(), 0);
+        test::FreeBlock(block);
+    }
+    EXPECT_TRUE(test::Heard(recorder).empty());
     EXPECT_TRUE(guard.Same());
 }
 

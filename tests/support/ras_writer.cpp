@@ -1,153 +1,115 @@
 #include "support/ras_writer.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+
+#include "core/bytes.h"
 
 namespace test {
 
 namespace {
 
-constexpr size_t HeaderSize = 2444;
-constexpr uint8_t Filler = 0xA5;  // bytes of the elements that are stepped over
-
-void PutI32(std::vector<uint8_t> &b, size_t at, int32_t v) {
-    for (int i = 0; i < 4; ++i) b[at + i] = uint8_t(uint32_t(v) >> (8 * i));
-}
-void PutText(std::vector<uint8_t> &b, size_t at, const std::string &text) {
-    memcpy(b.data() + at, text.data(), text.size());
+void PutText(std::vector<uint8_t> &b, size_t at, const char *text, size_t most) {
+    memcpy(b.data() + at, text, strnlen(text, most));
 }
 
+// Bytes in front of the stored size, and between it and the pixels.
 struct Parts {
-    size_t prefix = 0, gap = 0;
-    bool storedSize = true;
+    size_t prefix, gap;
+    bool storedSize;
 };
-
-// Where the stored size and the pixels stand in a record of this layout.
 Parts PartsOf(const RasLayout &l) {
-    Parts p;
-    if (!l.bimp && !l.variable) {
-        p.storedSize = false;
-        p.gap = size_t(l.before + l.after);
-    } else if (!l.bimp) {
-        p.prefix = size_t(l.before);
-        p.gap = size_t(l.after);
-    } else if (l.dim > 0) {
-        p.prefix = size_t(l.before);
-        p.gap = size_t(l.dim + l.after);
-    } else {
-        p.gap = size_t(l.before + l.after);
-    }
-    return p;
+    if (!l.bimp && !l.variable) return {0, size_t(l.before + l.after), false};
+    if (!l.bimp || l.dim > 0) return {size_t(l.before), size_t(l.dim + l.after), true};
+    return {0, size_t(l.before + l.after), true};
 }
 
-int32_t Stride(int32_t cols, int32_t bits) { return ((bits * cols + 31) >> 3) & ~3; }
-
+// Rows and columns of a fixed picture: the layout's, or those of the first picture.
 int32_t FixedRows(const RasLayout &l, const RasPicture &first) { return l.headerRows ? l.headerRows : first.rows; }
 int32_t FixedCols(const RasLayout &l, const RasPicture &first) { return l.headerCols ? l.headerCols : first.cols; }
-
 size_t FixedPixelBytes(const RasLayout &l, const RasPicture &first) {
     return (size_t(l.bits) * size_t(FixedRows(l, first)) * size_t(FixedCols(l, first)) + 7) / 8;
 }
-
 size_t RecordBytes(const RasLayout &l, const RasPicture &first) {
     Parts p = PartsOf(l);
     return p.prefix + (p.storedSize ? 8 : 0) + p.gap + FixedPixelBytes(l, first);
 }
 
-}  // namespace
-
-std::vector<uint8_t> RasHeaderFor(const RasLayout &l, const RasPicture &first) {
-    std::vector<uint8_t> h(HeaderSize, 0);
-    PutText(h, 0, l.bimp ? "bimp" : "bild");
-    int32_t recordSize = l.variable ? 1 : (l.recordSize ? l.recordSize : int32_t(RecordBytes(l, first)));
-    PutI32(h, 4, recordSize);
-    PutI32(h, 8, 1);
-
-    // Keyed texts: a description, and for "bimp" the palette.
-    PutText(h, 12 + 4 * 1, "desc");
-    PutText(h, 76 + 128 * 1, "made by the tests' RAS writer");
+std::vector<uint8_t> HeaderFor(const RasLayout &l, const RasPicture &first) {
+    RasHeader h(l.bimp ? "bimp" : "bild", l.variable ? 1 : int32_t(RecordBytes(l, first)));
     if (l.bimp && !l.palette.empty()) {
-        PutText(h, 12, "clrs");
-        PutText(h, 76, std::to_string(l.palette.size()));
-        PutText(h, 12 + 4 * size_t(l.rgbqSlot), "rgbq");
-        for (size_t e = 0; e < l.palette.size(); ++e) {
-            char text[10];
-            const auto &c = l.palette[e];
-            snprintf(text, sizeof text, "%02X%02X%02X%02X ", c[0], c[1], c[2], c[3]);
-            size_t at = e < 8 ? 76 + 128 * size_t(l.rgbqSlot) + 9 * e : 76 + 128 * size_t(l.rgbqSlot + 1) + 9 * (e - 8);
-            PutText(h, at, std::string(text, 9));
+        std::string text;  // 9 chars an entry; entries 8 on start the next slot
+        for (const auto &c : l.palette) {
+            char entry[10];
+            snprintf(entry, sizeof entry, "%02X%02X%02X%02X ", c[0], c[1], c[2], c[3]);
+            text += entry;
         }
+        h.Key(0, "clrs", std::to_string(l.palette.size())).Key(3, "rgbq", text.substr(0, 72));
+        if (text.size() > 72) h.Key(4, "", text.substr(72));
     }
-
-    // Element descriptors, closed by an empty name.
-    int slot = 0;
-    auto element = [&](const char *name, int32_t dim0, int32_t dim1, int8_t o0, int8_t o1, const char *type,
-                       int32_t bits) {
-        PutText(h, 2124 + 4 * size_t(slot), name);
-        PutI32(h, 2188 + 8 * size_t(slot), dim0);
-        PutI32(h, 2192 + 8 * size_t(slot), dim1);
-        h[2316 + 2 * size_t(slot)] = uint8_t(o0);
-        h[2317 + 2 * size_t(slot)] = uint8_t(o1);
-        PutText(h, 2348 + 2 * size_t(slot), type);
-        PutI32(h, 2380 + 4 * size_t(slot), bits);
-        ++slot;
-    };
-    if (l.before > 0) element("info", l.before, 0, 0, 0, "un", 8);
-    if (l.bimp && l.dim > 0) element("dims", l.dim, 0, 0, 0, "un", 8);
-    if (l.variable)
-        element("bild", -1, -1, l.order0, 2, l.bits == 8 ? "un" : "bi", l.bits);
-    else
-        element("bild", FixedRows(l, first), FixedCols(l, first), l.order0, 2, l.bits == 8 ? "un" : "bi", l.bits);
-    if (l.after > 0) element("note", l.after, 0, 0, 0, "un", 8);
-    return h;
+    if (l.before > 0) h.Element("info", l.before, 0, 8);
+    if (l.bimp && l.dim > 0) h.Element("dims", l.dim, 0, 8);
+    if (l.variable) h.Element("bild", -1, -1, l.bits, l.order0, 2);
+    if (!l.variable) h.Element("bild", FixedRows(l, first), FixedCols(l, first), l.bits, l.order0, 2);
+    if (l.after > 0) h.Element("note", l.after, 0, 8);
+    return h.bytes;
 }
 
-std::vector<uint8_t> RasPixelsFor(const RasLayout &l, const RasPicture &pic) {
-    const int32_t stride = Stride(pic.cols, l.bits);
-    std::vector<uint8_t> out;
-    // Stored row r is the picture's row r (top first) or its mirror.
-    auto row = [&](int32_t r) { return l.order0 > 0 ? r : pic.rows - 1 - r; };
-    if (l.bits == 1 && !l.bimp) {
-        out.assign((size_t(pic.rows) * size_t(pic.cols) + 7) / 8, 0);
-        size_t bit = 0;
-        for (int32_t r = 0; r < pic.rows; ++r)
-            for (int32_t x = 0; x < pic.cols; ++x, ++bit)
-                if (pic.At(x, row(r))) out[bit / 8] |= uint8_t(0x80 >> (bit % 8));
-    } else if (l.bits == 1) {
-        out.assign(size_t(stride) * size_t(pic.rows), 0);
-        for (int32_t r = 0; r < pic.rows; ++r)
-            for (int32_t x = 0; x < pic.cols; ++x)
-                if (!pic.At(x, row(r))) out[size_t(r) * stride + size_t(x) / 8] |= uint8_t(0x80 >> (x % 8));
-    } else if (l.bits == 4) {
-        out.assign(size_t(stride) * size_t(pic.rows), 0);
-        for (int32_t r = 0; r < pic.rows; ++r)
-            for (int32_t x = 0; x < pic.cols; ++x)
-                out[size_t(r) * stride + size_t(x) / 2] |= uint8_t((pic.At(x, row(r)) & 15) << (x % 2 ? 0 : 4));
-    } else {
-        for (int32_t r = 0; r < pic.rows; ++r)
-            for (int32_t x = 0; x < pic.cols; ++x) out.push_back(pic.At(x, row(r)));
-        // A "bimp" record of its own size holds stride x rows pixel bytes;
-        // its rows lie Cols bytes apart and the rest follows at the end.
-        if (l.bimp && l.variable) out.resize(size_t(stride) * size_t(pic.rows), 0);
-    }
+// The stored pixel bytes of one picture, without padding to a fixed size.
+std::vector<uint8_t> PixelsFor(const RasLayout &l, const RasPicture &pic) {
+    const size_t stride = size_t(((l.bits * pic.cols + 31) >> 3) & ~3);
+    auto row = [&](int32_t r) { return l.order0 > 0 ? r : pic.rows - 1 - r; };  // stored row r
+    std::vector<uint8_t> out(l.bits == 1 && !l.bimp ? (size_t(pic.rows) * size_t(pic.cols) + 7) / 8
+                             : l.bits == 8 && !(l.bimp && l.variable) ? size_t(pic.rows) * size_t(pic.cols)
+                                                                       : stride * size_t(pic.rows),
+                             0);
+    for (int32_t r = 0; r < pic.rows; ++r)
+        for (int32_t x = 0; x < pic.cols; ++x) {
+            uint8_t v = pic.At(x, row(r));
+            size_t bit = size_t(r) * size_t(pic.cols) + size_t(x);  // "bild" 1-bit rows run on bit by bit
+            if (l.bits == 1 && !l.bimp && v) out[bit / 8] |= uint8_t(0x80 >> (bit % 8));
+            if (l.bits == 1 && l.bimp && !v) out[size_t(r) * stride + size_t(x) / 8] |= uint8_t(0x80 >> (x % 8));
+            if (l.bits == 4) out[size_t(r) * stride + size_t(x) / 2] |= uint8_t((v & 15) << (x % 2 ? 0 : 4));
+            if (l.bits == 8) out[size_t(r) * size_t(pic.cols) + size_t(x)] = v;  // rows Cols bytes apart
+        }
     return out;
+}
+
+}  // namespace
+
+RasHeader::RasHeader(const char *magic, int32_t recordSize) : bytes(2444, 0) {
+    PutText(bytes, 0, magic, 4);
+    StoreU32(&bytes[4], uint32_t(recordSize));
+    StoreU32(&bytes[8], 1);
+}
+
+RasHeader &RasHeader::Element(const char *name, int32_t dim0, int32_t dim1, int32_t bits, int8_t order0,
+                              int8_t order1, const char *type) {
+    const size_t s = size_t(slot++);
+    PutText(bytes, 2124 + 4 * s, name, 4);
+    StoreU32(&bytes[2188 + 8 * s], uint32_t(dim0));
+    StoreU32(&bytes[2192 + 8 * s], uint32_t(dim1));
+    bytes[2316 + 2 * s] = uint8_t(order0);
+    bytes[2317 + 2 * s] = uint8_t(order1);
+    PutText(bytes, 2348 + 2 * s, type ? type : bits == 8 ? "un" : "bi", 2);
+    StoreU32(&bytes[2380 + 4 * s], uint32_t(bits));
+    return *this;
+}
+
+RasHeader &RasHeader::Key(int k, const char *key, const std::string &value) {
+    PutText(bytes, 12 + 4 * size_t(k), key, 4);
+    memcpy(bytes.data() + 76 + 128 * size_t(k), value.data(), value.size());
+    return *this;
 }
 
 std::vector<RasRecordPlace> RasPlaces(const RasLayout &l, const std::vector<RasPicture> &pictures) {
     std::vector<RasRecordPlace> places;
     Parts p = PartsOf(l);
-    size_t at = HeaderSize;
+    size_t at = 2444;
     for (const auto &pic : pictures) {
-        RasRecordPlace place;
-        place.start = at;
-        place.size = at + p.prefix;
-        place.pixels = place.size + (p.storedSize ? 8 : 0) + p.gap;
-        if (l.variable) {
-            place.end = place.pixels + RasPixelsFor(l, pic).size();
-        } else {
-            size_t recordSize = l.recordSize ? size_t(l.recordSize) : RecordBytes(l, pictures[0]);
-            place.end = at + recordSize;
-        }
+        RasRecordPlace place{at, at + p.prefix, at + p.prefix + (p.storedSize ? 8 : 0) + p.gap, 0};
+        place.end = l.variable ? place.pixels + PixelsFor(l, pic).size() : at + RecordBytes(l, pictures[0]);
         places.push_back(place);
         at = place.end;
     }
@@ -155,28 +117,24 @@ std::vector<RasRecordPlace> RasPlaces(const RasLayout &l, const std::vector<RasP
 }
 
 std::vector<uint8_t> MakeRas(const RasLayout &l, const std::vector<RasPicture> &pictures) {
-    std::vector<uint8_t> file = RasHeaderFor(l, pictures.at(0));
+    std::vector<uint8_t> file = HeaderFor(l, pictures.at(0));
     auto places = RasPlaces(l, pictures);
     for (size_t i = 0; i < pictures.size(); ++i) {
-        const auto &place = places[i];
-        file.resize(place.end, Filler);
+        file.resize(places[i].end, 0xA5);  // bytes of the elements that are stepped over
         if (l.bimp || l.variable) {
-            PutI32(file, place.size, pictures[i].rows);
-            PutI32(file, place.size + 4, pictures[i].cols);
+            StoreU32(&file[places[i].size], uint32_t(pictures[i].rows));
+            StoreU32(&file[places[i].size + 4], uint32_t(pictures[i].cols));
         }
-        std::vector<uint8_t> pixels = RasPixelsFor(l, pictures[i]);
+        std::vector<uint8_t> pixels = PixelsFor(l, pictures[i]);
         if (!l.variable) pixels.resize(FixedPixelBytes(l, pictures[0]), 0);
-        size_t room = place.end > place.pixels ? place.end - place.pixels : 0;
-        memcpy(file.data() + place.pixels, pixels.data(), pixels.size() < room ? pixels.size() : room);
+        size_t room = places[i].end > places[i].pixels ? places[i].end - places[i].pixels : 0;
+        memcpy(file.data() + places[i].pixels, pixels.data(), std::min(pixels.size(), room));
     }
     return file;
 }
 
 RasPicture PatternPicture(int32_t rows, int32_t cols, int32_t bits, uint32_t seed) {
-    RasPicture p;
-    p.rows = rows;
-    p.cols = cols;
-    p.values.resize(size_t(rows) * size_t(cols));
+    RasPicture p{rows, cols, std::vector<uint8_t>(size_t(rows) * size_t(cols))};
     uint32_t v = seed * 2654435761u + 12345u;
     for (auto &value : p.values) {
         v = v * 1103515245u + 12345u;
@@ -187,8 +145,7 @@ RasPicture PatternPicture(int32_t rows, int32_t cols, int32_t bits, uint32_t see
 
 std::vector<std::array<uint8_t, 4>> TestPalette(int count) {
     std::vector<std::array<uint8_t, 4>> out;
-    for (int i = 0; i < count; ++i)
-        out.push_back({uint8_t(i * 17), uint8_t(255 - i * 13), uint8_t((i * 97) & 0xFF), 0});
+    for (int i = 0; i < count; ++i) out.push_back({uint8_t(i * 17), uint8_t(255 - i * 13), uint8_t(i * 97), 0});
     return out;
 }
 

@@ -1,10 +1,5 @@
-// ras_writer.h - makes RAS files for the tests, in every variant the reader
-// knows: "bild" and "bimp", 1, 4 and 8 bits, both row directions, records
-// of fixed size or carrying their own size, with or without a palette.
-//
-// It works from the format's description, not from the reader: a record is
-// laid out as prefix, stored size, gap, pixels, tail, and the header's
-// element list is written so that it describes exactly that layout.
+// ras_writer.h - RAS headers and files for the tests, written from the format
+// and not from the reader: records of prefix, stored size, gap and pixels.
 #pragma once
 
 #include <array>
@@ -14,55 +9,49 @@
 
 namespace test {
 
-// A picture as palette indices (0/1, 0..15 or 0..255), top row first.
+// The 2444 header bytes: magic, RecordSize, Field8 1, keys and elements.
+struct RasHeader {
+    std::vector<uint8_t> bytes;
+    int slot = 0;
+    explicit RasHeader(const char *magic, int32_t recordSize = 100);
+    // Type "un" for 8 bits, else "bi", unless given.
+    RasHeader &Element(const char *name, int32_t dim0, int32_t dim1, int32_t bits, int8_t order0 = 0,
+                       int8_t order1 = 0, const char *type = nullptr);
+    RasHeader &Key(int slot, const char *key, const std::string &value);
+};
+
+// Palette indices (0/1, 0..15 or 0..255), top row first.
 struct RasPicture {
-    int32_t rows = 0;
-    int32_t cols = 0;
-    std::vector<uint8_t> values;  // rows x cols
+    int32_t rows = 0, cols = 0;
+    std::vector<uint8_t> values;
     uint8_t At(int32_t x, int32_t y) const { return values[size_t(y) * size_t(cols) + size_t(x)]; }
 };
 
 struct RasLayout {
-    bool bimp = false;       // "bimp" (variant 'b') or "bild" (variant 'r')
+    bool bimp = false;       // "bimp" or "bild"
     int32_t bits = 1;        // 1, 8, or 4 in "bimp"
     int8_t order0 = 1;       // +1: first stored row is the top row; -1: the bottom row
     bool variable = true;    // records carry their own rows and columns
     int32_t headerRows = 0;  // extents of a fixed picture (0: those of the first picture)
     int32_t headerCols = 0;
-    int32_t before = 0;      // bytes of an element listed in front of the picture
-    int32_t dim = 0;         // "bimp": bytes of a "dim" element (0: none), listed after `before`
-    int32_t after = 0;       // bytes of an element listed behind the picture
-    int32_t recordSize = 0;  // fixed files: 0 for the exact size of a record
-    // "bimp" palette: entries as blue, green, red, 0; empty for no "clrs" key.
-    std::vector<std::array<uint8_t, 4>> palette;
-    int rgbqSlot = 3;        // key slot of "rgbq"; entries 8.. go on in the next slot
+    int32_t before = 0;      // bytes of an element in front of the picture
+    int32_t dim = 0;         // "bimp": bytes of a "dims" element behind `before` (0: none)
+    int32_t after = 0;       // bytes of an element behind the picture
+    std::vector<std::array<uint8_t, 4>> palette = {};  // "bimp": blue, green, red, 0; empty: no "clrs"
 };
-
-// The 2444-byte header for `layout`, with `first` giving the fixed extents
-// when the layout leaves them 0.
-std::vector<uint8_t> RasHeaderFor(const RasLayout &layout, const RasPicture &first);
-
-// The stored pixel bytes of one picture as a record holds them (without
-// any padding up to a fixed record's pixel size).
-std::vector<uint8_t> RasPixelsFor(const RasLayout &layout, const RasPicture &picture);
 
 // A whole file: header, then one record per picture.
 std::vector<uint8_t> MakeRas(const RasLayout &layout, const std::vector<RasPicture> &pictures);
 
-// Offset of record `index` and of its stored size, as laid out by MakeRas.
+// Where MakeRas put each record's parts.
 struct RasRecordPlace {
-    size_t start;    // first byte of the record
-    size_t size;     // the stored rows and columns (no meaning for a fixed "bild")
-    size_t pixels;   // first pixel byte
-    size_t end;      // one behind the record
+    size_t start, size, pixels, end;  // record, stored size, first pixel byte, one behind
 };
 std::vector<RasRecordPlace> RasPlaces(const RasLayout &layout, const std::vector<RasPicture> &pictures);
 
-// A picture of the given size whose values follow a pattern of `seed`, each
-// below 2^bits.
+// A picture whose values follow a pattern of `seed`, each below 2^bits.
 RasPicture PatternPicture(int32_t rows, int32_t cols, int32_t bits, uint32_t seed);
-
-// The 16 entries of a recognisable test palette (blue, green, red, 0).
+// `count` recognisable palette entries.
 std::vector<std::array<uint8_t, 4>> TestPalette(int count);
 
 }  // namespace test
