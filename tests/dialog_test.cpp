@@ -26,9 +26,8 @@ constexpr uint32_t Always = 0x6000;  // open dialog, no existence test: what the
 // What the scripted dialog was asked, and what it answers.
 struct Script {
     int calls = 0;
-    int32_t save = -1;
-    uint32_t flags = 0, filterIndex = 0;
-    std::string title, label, initialDir, file;
+    std::string asked;   // "open|save flags filter N in DIR file NAME" of the last call
+    std::string title, label, file;
     std::string chosen;  // confirmed into the file buffer; empty: a cancel
 } script;
 
@@ -40,12 +39,10 @@ void Answer(const std::string &chosen = "") {
 
 int32_t Scripted(TL_FILE_REQUEST *request) {
     script.calls++;
-    script.save = request->save;
-    script.flags = request->flags;
-    script.filterIndex = request->filterIndex;
+    script.asked = std::string(request->save ? "save " : "open ") + std::to_string(request->flags) + " filter " +
+                   std::to_string(request->filterIndex) + " in " + request->initialDir + " file " + request->file;
     script.title = request->title;
     script.label = request->filterLabel ? request->filterLabel : "";
-    script.initialDir = request->initialDir;
     script.file = request->file;
     if (!script.chosen.empty()) snprintf(request->file, request->fileBytes, "%s", script.chosen.c_str());
     return !script.chosen.empty();
@@ -145,9 +142,8 @@ TEST_F(Dialog, FilterChosenFromTheProposedName) {
         Fill(buffer, c.proposed);
         EXPECT_EQ(SelectFileDialog(buffer, c.filters, Always, "Open Image File", nullptr, nullptr, nullptr), 0);
         EXPECT_EQ(script.calls, 1);
-        EXPECT_EQ(script.filterIndex, c.expected);
+        EXPECT_EQ(script.asked, "open 6156 filter " + std::to_string(c.expected) + " in  file ");  // nothing remembered
         EXPECT_STREQ(buffer, c.proposed);  // a cancel leaves the name
-        EXPECT_EQ(script.file + script.initialDir, "");  // no remembered path: no file title, no directory
         EXPECT_EQ(script.title, "Open Image File");
     }
 }
@@ -186,9 +182,12 @@ TEST_F(Dialog, ProfilePath) {
 
 TEST_F(Dialog, FlagsAndTheRememberedFile) {
     const std::string remembered = test::WriteTemp("page.TIF", {1, 2}), other = test::WriteTemp("other.BMP", {1});
-    const struct { uint32_t flags; int calls; int32_t save; uint32_t dialogFlags; } cases[] = {
-        {0, 0, 0, 0},  // the remembered file is taken without a dialog
-        {0x2000, 1, 0, 6156}, {0x1000, 1, 1, 6158}, {0x5000, 1, 0, 6158},
+    // It opens in the remembered directory with the remembered name, and the
+    // filter follows that name, not the proposed one.
+    const std::string in = " filter 3 in " + test::TempDir() + "/ file page.TIF";
+    const struct { uint32_t flags; std::string asked; } cases[] = {
+        {0, ""},  // the remembered file is taken without a dialog
+        {0x2000, "open 6156" + in}, {0x1000, "save 6158" + in}, {0x5000, "open 6158" + in},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.flags);
@@ -196,18 +195,10 @@ TEST_F(Dialog, FlagsAndTheRememberedFile) {
         Answer(other);
         char buffer[DialogPathBytes] = "proposed.PCX";
         EXPECT_EQ(Ask(buffer, c.flags), 1);
-        EXPECT_EQ(script.calls, c.calls);
-        const std::string expected = c.calls ? other : remembered;
+        EXPECT_EQ(script.asked, c.asked);
+        const std::string expected = c.asked.empty() ? remembered : other;
         EXPECT_EQ(std::string(buffer), expected);
         EXPECT_EQ(test::ReadText(profile), Stored(expected));
-        if (!c.calls) continue;
-        EXPECT_EQ(script.save, c.save);
-        EXPECT_EQ(script.flags, c.dialogFlags);
-        // It opens in the remembered directory with the remembered name, and
-        // the filter follows that name, not the proposed one.
-        EXPECT_EQ(script.initialDir, test::TempDir() + "/");
-        EXPECT_EQ(script.file, "page.TIF");
-        EXPECT_EQ(script.filterIndex, 3u);
     }
     // Blanks around a remembered path go; it is stored again, the profile written anew.
     std::string profile = Remember("\" " + remembered + "  \"");
@@ -224,9 +215,7 @@ TEST_F(Dialog, FlagsAndTheRememberedFile) {
     Remember(test::TempDir() + "/gone.RAS");
     Fill(buffer, "x");
     EXPECT_EQ(Ask(buffer, 0), 1);
-    EXPECT_EQ(script.calls, 1);
-    EXPECT_EQ(script.file, "gone.RAS");
-    EXPECT_EQ(script.filterIndex, 5u);
+    EXPECT_EQ(script.asked, "open 6156 filter 5 in " + test::TempDir() + "/ file gone.RAS");
     EXPECT_EQ(test::ReadText(profile), Stored(remembered));
     // Only a remembered path spares the dialog: an existing file named in
     // the buffer, with no profile, still leads to it.
@@ -240,8 +229,7 @@ TEST_F(Dialog, FlagsAndTheRememberedFile) {
         Remember(remembered);
         Fill(buffer, "x");
         EXPECT_EQ(off ? Ask(buffer, 0, "scan", "Paths", nullptr) : Ask(buffer, 0, "scan", ""), 1);
-        EXPECT_EQ(script.calls, 1);
-        EXPECT_EQ(script.file, "");
+        EXPECT_EQ(script.asked, "open 6156 filter 1 in  file ");
         EXPECT_STREQ(buffer, "/elsewhere.TIF");
         EXPECT_EQ(test::ReadText(profile), Stored(remembered));
     }
@@ -313,11 +301,8 @@ TEST_F(Dialog, MissingImageFileAsksForAnother) {
     test::FreeBlock(block);
     EXPECT_EQ(std::string(name), bmp);
     EXPECT_EQ(script.calls, 1);
-    EXPECT_EQ(script.title, "Open Image File");
-    EXPECT_EQ(script.flags, 6156u);
-    EXPECT_EQ(script.save, 0);
-    EXPECT_EQ(script.filterIndex, 1u);
-    EXPECT_EQ(script.label, "BMP Files (*.BMP)");
+    EXPECT_EQ(script.asked, "open 6156 filter 1 in  file ");
+    EXPECT_EQ(script.title + " / " + script.label, "Open Image File / BMP Files (*.BMP)");
     // Cancelled: no image, the error state as it stood.
     for (int pending = 0; pending < 2; ++pending) {
         test::Recorder recorder;
@@ -325,7 +310,7 @@ TEST_F(Dialog, MissingImageFileAsksForAnother) {
         Answer();
         Fill(name, test::TempDir() + "/missing.TIF");
         EXPECT_EQ(TL_IMAGE_E(name, 0), nullptr);
-        EXPECT_EQ(script.filterIndex, 3u);
+        EXPECT_EQ(script.asked, "open 6156 filter 3 in  file ");
         EXPECT_EQ(TL_ERRORSTATUS_E(), pending);
     }
     // A file that exists spares the dialog; no profile is ever written.

@@ -67,10 +67,9 @@ TEST(FileTable, SixtyFourFilesFitAndTheLowestFreeSlotIsTakenNext) {
 
 TEST(FileTable, ReadsAndPositions) {
     test::Recorder recorder;
-    const std::string path = SmallFile();
+    const std::string path = SmallFile(), written = test::TempDir() + "/written.bin";
     ManagedFile file = TL_OPEN(path.c_str(), "rb"), second = TL_OPEN(path.c_str(), "rb");
-    ASSERT_NE(file, NoFile);
-    ASSERT_NE(second, NoFile);
+    ManagedFile both = TL_OPEN(written.c_str(), "w+b");
     uint8_t bytes[16] = {};
     EXPECT_EQ(TL_READ(bytes, 4, file), 4u);
     EXPECT_EQ(bytes[3], 3);
@@ -85,48 +84,39 @@ TEST(FileTable, ReadsAndPositions) {
     EXPECT_EQ(TL_TELL(file), 0u);
     EXPECT_EQ(TL_FILELENGTH(file), 10u);
     EXPECT_EQ(TL_READ(nullptr, 0, 12345), 0u) << "count 0 is looked at first";
-    EXPECT_EQ(TL_CLOSE(file), 0);
+    EXPECT_EQ(TL_READ(bytes, 1, both), 0u) << "w+ may read; the new file is empty";
+    for (ManagedFile f : {file, second, both}) EXPECT_EQ(TL_CLOSE(f), 0);
     EXPECT_EQ(TL_CLOSE(file), -1) << "a second close is unknown, and silent";
-    EXPECT_EQ(TL_CLOSE(second), 0);
     EXPECT_TRUE(recorder.reports.empty());
 }
 
 TEST(FileTable, MisuseIsReported) {
+    static uint8_t byte;
     const std::string path = SmallFile(), written = test::TempDir() + "/written.bin";
     FindFileSlot(NoFile);  // the very first lookup only readies the table
-    const ManagedFile unknown = 0x7654321;
-    static uint8_t byte;
-    const struct { const char *text; uint32_t result; uint32_t (*call)(ManagedFile); } cases[] = {
-        {"TL_READ  Invalid FileHandle", 0, [](ManagedFile f) { return TL_READ(&byte, 1, f); }},
-        {"TL_TELL  Invalid FileHandle", 0, [](ManagedFile f) { return TL_TELL(f); }},
-        {"TL_SEEK  Invalid FileHandle", 0, [](ManagedFile f) { return uint32_t(TL_SEEK(f, 0, 0)); }},
-        {"TL_REWIND  Invalid FileHandle", 0, [](ManagedFile f) { TL_REWIND(f); return 0u; }},
-        {"TL_FILELENGTH  Invalid FileHandle", 0xFFFFFFFFu, [](ManagedFile f) { return TL_FILELENGTH(f); }},
+    test::QuietDefaults();
+    const ManagedFile unknown = 0x7654321, reader = TL_OPEN(path.c_str(), "rb"), writer = TL_OPEN(written.c_str(), "wb");
+    auto read = [](ManagedFile f) { return TL_READ(&byte, 1, f); };
+    const struct { const char *text; ManagedFile file; uint32_t result; uint32_t (*call)(ManagedFile); } cases[] = {
+        {"TL_READ  Invalid FileHandle", unknown, 0, read},
+        {"TL_TELL  Invalid FileHandle", unknown, 0, [](ManagedFile f) { return TL_TELL(f); }},
+        {"TL_SEEK  Invalid FileHandle", unknown, 0, [](ManagedFile f) { return uint32_t(TL_SEEK(f, 0, 0)); }},
+        {"TL_REWIND  Invalid FileHandle", unknown, 0, [](ManagedFile f) { return TL_REWIND(f), 0u; }},
+        {"TL_FILELENGTH  Invalid FileHandle", unknown, 0xFFFFFFFFu, [](ManagedFile f) { return TL_FILELENGTH(f); }},
+        {"TL_SEEK  Invalid method specification", reader, 0, [](ManagedFile f) { return uint32_t(TL_SEEK(f, 0, 3)); }},
+        {"TL_READ  buffer==NULL", reader, 0, [](ManagedFile f) { return TL_READ(nullptr, 1, f); }},
+        {"TL_READ  File not Open for Reading", writer, 0, read},
     };
     for (const auto &c : cases) {
         test::Recorder recorder;
-        EXPECT_EQ(c.call(unknown), c.result) << c.text;
+        EXPECT_EQ(c.call(c.file), c.result) << c.text;
         ASSERT_EQ(recorder.reports.size(), 1u);
         EXPECT_EQ(recorder.reports[0].text, c.text);
         EXPECT_EQ(recorder.reports[0].withSystemText, 0);
         EXPECT_EQ(TL_ERRORSTATUS_E(), 1);
     }
-    test::Recorder recorder;
-    ManagedFile file = TL_OPEN(path.c_str(), "rb");
-    EXPECT_EQ(TL_SEEK(file, 0, 3), 0);
-    EXPECT_EQ(TL_READ(nullptr, 1, file), 0u);
-    EXPECT_EQ(TL_CLOSE(unknown), -1);
-    TL_CLOSE(file);
-    file = TL_OPEN(written.c_str(), "wb");
-    EXPECT_EQ(TL_READ(&byte, 1, file), 0u);
-    TL_CLOSE(file);
-    file = TL_OPEN(written.c_str(), "w+b");
-    EXPECT_EQ(TL_READ(&byte, 1, file), 0u) << "w+ may read; the new file is empty";
-    TL_CLOSE(file);
-    std::vector<std::string> texts;
-    for (const auto &r : recorder.reports) texts.push_back(r.text);
-    EXPECT_EQ(texts, (std::vector<std::string>{"TL_SEEK  Invalid method specification", "TL_READ  buffer==NULL",
-                                               "TL_READ  File not Open for Reading"}));
+    TL_CLOSE(reader);
+    TL_CLOSE(writer);
 }
 
 TEST(FileTable, TranslateAndTrim) {
