@@ -160,7 +160,7 @@ TEST(DialogRecord, AnswersAreCheckedAndResolved) {
         {"/a/./b/../y.tar.gz", 76, 260, 1, "/a/y.tar.gz", "y.tar.gz"},
         {"  /a/noext  ", 76, 260, 1, "/a/noext", "noext"},
         {"/a/x.TIF", 80, 260, 0, "keep", ""},  // a record of another layout
-        {"/a/x.TIF", 76, 5, 0, "keep", ""},    // does not fit nMaxFile
+        {"/a/x.TIF", 76, 8, 0, "keep", ""},    // its NUL does not fit nMaxFile
         {"no NUL", 76, 260, 0, "keep", ""},
         {"", 76, 260, 0, "keep", ""},
     };

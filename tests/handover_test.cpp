@@ -175,7 +175,8 @@ TEST(Handover, WidthsAndHeightsGivePackedRowsFromTheTop) {
                 SCOPED_TRACE(testing::Message() << width << " x " << height);
                 ExpectHandOver(path, Dib{width, height, {White, Black}, pixel}, height, width, pixel);
             }
-    for (Path path : {Image, Bitmap}) ExpectHandOver(path, Dib{1, 32767, {White, Black}, pixel}, 32767, 1, pixel);
+    for (int32_t height : {32767, -32767})  // the tallest, either way up
+        for (Path path : {Image, Bitmap}) ExpectHandOver(path, Dib{1, height, {White, Black}, pixel}, 32767, 1, pixel);
 }
 
 // Polarity, depths, the colour table, and bitmaps no sound writer makes:
