@@ -80,7 +80,7 @@ TEST_F(Errors, SystemTextFollowsALineFeedWithinTheBox) {
     }
 }
 
-TEST_F(Errors, SilentAttemptHidesTheBoxRestoresFlagsAndClears) {
+TEST_F(Errors, SilentAttemptHidesTheBoxAndRestoresTheFlags) {
     ERROR_FLAGS_E(0, 1, 1, nullptr);
     testing::internal::CaptureStderr();
     {
@@ -100,9 +100,7 @@ TEST_F(Errors, SilentAttemptHidesTheBoxRestoresFlagsAndClears) {
     }
     EXPECT_EQ(recorder.reports.size(), 1u) << "a callback still hears a silent attempt";
     EXPECT_EQ(ErrorStatus(), 0);
-}
-
-TEST_F(Errors, FlagSettersReturnTheValueBefore) {
+    // The setters return the value before.
     ERROR_FLAGS_E(7, 8, 9, nullptr);
     EXPECT_EQ(SetErrorContinue(1), 7);
     EXPECT_EQ(SetErrorBox(1), 8);
