@@ -135,10 +135,22 @@ void ExpectRasterBy(Path path, const std::function<TL_HANDLE(Record &)> &call, i
     Record record;
     TL_HANDLE block = call(record);
     ASSERT_NE(block, nullptr);
+    // The record gets the tag and the addresses of the locked block, and nothing else.
+    void *address = GlobalLock(block);
+    EXPECT_NE(GlobalUnlock(block), 0);  // still locked for the host
+    EXPECT_EQ(record.At(TL_RECORD_RASTER), address);
+    EXPECT_EQ(record.At(TL_RECORD_PIXELS), static_cast<uint8_t *>(address) + 4);
+    EXPECT_EQ(0, std::memcmp(&record.bytes[TL_RECORD_TAG], "a1", 3));
+    const Record fresh;
+    for (size_t i = 0; i < record.bytes.size(); ++i)
+        if (i < TL_RECORD_TAG || i >= TL_RECORD_MIN_SIZE || i == TL_RECORD_TAG + 3) {
+            ASSERT_EQ(record.bytes[i], fresh.bytes[i]) << "byte " << i;
+        }
     ExpectRaster(record, rows, columns, dark);
     const uintptr_t packed = 4 + uintptr_t(columns + 7) / 8 * uintptr_t(rows);
     EXPECT_TRUE(path == Bitmap ? GlobalSize(block) == packed : GlobalSize(block) >= packed);
-    test::FreeBlock(block, true);
+    EXPECT_EQ(GlobalUnlock(block), 0);  // its one unlock ends the lock
+    GlobalFree(block);
     EXPECT_TRUE(guard.Same());
     EXPECT_TRUE(recorder.reports.empty());
 }
@@ -246,27 +258,6 @@ TEST(Handover, RastersOfBuiltBitmaps) {
     TL_HANDLE block = HandOver(Bitmap, record, Dib{9, 3, {Black, White, {0, 0, 200}}, column}.Bits(4, 3));
     EXPECT_EQ(record.At(TL_RECORD_PIXELS)[1], 0);
     test::FreeBlock(block, true);
-}
-
-TEST(Handover, RecordGetsTagAndLockedAddressesAndNothingElse) {
-    test::QuietDefaults();
-    for (Path path : {Image, Bitmap}) {
-        Record record;
-        TL_HANDLE block = HandOver(path, record, Dib());
-        ASSERT_NE(block, nullptr);
-        void *address = GlobalLock(block);  // the same address, one lock more
-        GlobalUnlock(block);
-        EXPECT_EQ(record.At(TL_RECORD_RASTER), address);
-        EXPECT_EQ(record.At(TL_RECORD_PIXELS), static_cast<uint8_t *>(address) + 4);
-        EXPECT_EQ(0, std::memcmp(&record.bytes[TL_RECORD_TAG], "a1", 3));
-        const Record fresh;
-        for (size_t i = 0; i < record.bytes.size(); ++i)
-            if (i < TL_RECORD_TAG || i >= TL_RECORD_MIN_SIZE || i == TL_RECORD_TAG + 3) {
-                ASSERT_EQ(record.bytes[i], fresh.bytes[i]) << "byte " << i;
-            }
-        EXPECT_EQ(GlobalUnlock(block), 0);  // locked for the host: its one unlock ends the lock
-        GlobalFree(block);
-    }
 }
 
 TEST(BitmapIntoRecord, HostBlockKeepsAllButClrUsedAndGivesTheSameRasterTwice) {
