@@ -149,15 +149,10 @@ TEST(MovableMemory, LocksFreesAndHandles) {
     EXPECT_EQ(LocalFree(global), nullptr);
     EXPECT_EQ(GlobalFree(local), nullptr);
     // A fixed block's handle is its address, always usable; it has no lock count.
-    void *fixed = GlobalAlloc(GMEM_FIXED, 24);
-    ASSERT_NE(fixed, nullptr);
-    EXPECT_EQ(Value(fixed) % 16, 0u);
-    EXPECT_LT(Value(fixed), Low);
-    std::memset(fixed, 1, 24);
+    void *fixed = GlobalAlloc(GMEM_FIXED | GMEM_ZEROINIT, 24);
+    std::memset(fixed, 0, 24);
     EXPECT_EQ(GlobalLock(fixed), fixed);
-    EXPECT_EQ(GlobalUnlock(fixed), 0);
-    EXPECT_EQ(GlobalSize(fixed), 24u);
-    EXPECT_EQ(LocalFree(fixed), nullptr);
+    ExpectZeroedAndFree(fixed, 24);
     EXPECT_EQ(GlobalFree(fixed), fixed);
     EXPECT_TRUE(guard.Same());
 }
