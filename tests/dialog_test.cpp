@@ -21,46 +21,42 @@ namespace {
 constexpr char ImageFilters[] =
     "BMP Files (*.BMP)\0*.BMP\0DIB Files (*.DIB)\0*.DIB\0TIF Files (*.TIF)\0*.TIF\0"
     "PCX Files (*.PCX)\0*.PCX\0RAS Files (*.RAS)\0*.RAS\0";
+constexpr uint32_t Always = 0x6000;  // open dialog, no existence test: what the image entry asks
 
 // What the scripted dialog was asked, and what it answers.
 struct Script {
     int calls = 0;
-    int32_t save = -1;
-    uint32_t flags = 0, filterIndex = 0;
-    std::string title, label, initialDir, file;
-    int32_t answer = 0;      // 1 confirm, 0 cancel
-    std::string chosen;      // written to the file buffer on a confirm
+    std::string asked;   // "open|save flags filter N in DIR file NAME" of the last call
+    std::string title, label, file;
+    std::string chosen;  // confirmed into the file buffer; empty: a cancel
 } script;
 
 // Resets the script: the next dialog confirms `chosen`, or cancels if empty.
 void Answer(const std::string &chosen = "") {
     script = Script{};
-    script.answer = chosen.empty() ? 0 : 1;
     script.chosen = chosen;
 }
 
 int32_t Scripted(TL_FILE_REQUEST *request) {
-    ++script.calls;
-    script.save = request->save;
-    script.flags = request->flags;
-    script.filterIndex = request->filterIndex;
+    script.calls++;
+    script.asked = std::string(request->save ? "save " : "open ") + std::to_string(request->flags) + " filter " +
+                   std::to_string(request->filterIndex) + " in " + request->initialDir + " file " + request->file;
     script.title = request->title;
     script.label = request->filterLabel ? request->filterLabel : "";
-    script.initialDir = request->initialDir;
     script.file = request->file;
-    if (script.answer) snprintf(request->file, request->fileBytes, "%s", script.chosen.c_str());
-    return script.answer;
+    if (!script.chosen.empty()) snprintf(request->file, request->fileBytes, "%s", script.chosen.c_str());
+    return !script.chosen.empty();
 }
 
 // The text of a profile remembering `value` under [Paths] Last.
 std::string Stored(const std::string &value) { return "[Paths]\nLast=" + value + "\n"; }
 
-using test::ReadText;
-
 ino_t Inode(const std::string &path) {
     struct stat info {};
     return stat(path.c_str(), &info) == 0 ? info.st_ino : 0;
 }
+
+void Fill(char (&buffer)[DialogPathBytes], const std::string &text) { snprintf(buffer, sizeof buffer, "%s", text.c_str()); }
 
 // Every test gets a fresh configuration directory and the scripted dialog.
 class Dialog : public ::testing::Test {
@@ -75,7 +71,6 @@ class Dialog : public ::testing::Test {
         test::QuietDefaults();
     }
     void TearDown() override { TlSetFileDialog(before); }
-    TL_FILE_DIALOG before = nullptr;
 
     // A profile named "scan" remembering `value` under [Paths] Last.
     std::string Remember(const std::string &value) {
@@ -88,14 +83,11 @@ class Dialog : public ::testing::Test {
                 const char *key = "Last") {
         return SelectFileDialog(buffer, ImageFilters, flags, "Open Image File", profile, section, key);
     }
+    TL_FILE_DIALOG before = nullptr;
     std::string config, profileDir;
 };
 
-void Fill(char (&buffer)[DialogPathBytes], const std::string &text) { snprintf(buffer, sizeof buffer, "%s", text.c_str()); }
-
-// CopyBefore and CopyAfter show in the filter and profile tests below;
-// GetToken's blanks are trimmed again by the matcher, so they are checked here.
-TEST(DialogStrings, TokensAndLongSources) {
+TEST(DialogStrings, TokensMatchesAndLongSources) {
     const struct { const char *source; int32_t index; const char *expected; } tokens[] = {
         {"  *.BMP;*.TIF", 0, "*.BMP"}, {"*.BMP;  *.TIF", 1, "*.TIF"}, {"a;b c ;d", 1, "b c "},
         {"a;;c", 1, ""}, {"a;;c", 2, "c"}, {"a;b", 2, ""}};
@@ -104,10 +96,26 @@ TEST(DialogStrings, TokensAndLongSources) {
         GetToken(target, t.source, t.index, ';');
         EXPECT_STREQ(target, t.expected) << t.source << " " << t.index;
     }
+    const std::string longToken(600, 'a');
+    const struct { std::string patterns; const char *name, *extension; int32_t expected; } matches[] = {
+        {"*.TIF", "scan", "TIF", 1},       {"*.TIF", "scan", ".TIF", 1},  // _splitpath's form
+        {"*.TIF", "scan", "tif", 0},       // case-sensitive
+        {"*.BMP;*.TIF", "scan", "TIF", 1}, {"*.BMP;   *.TIF  ", "scan", "TIF", 1},
+        {"*", "scan", "", 1},              // no dot: empty extension part
+        {"*", "scan", "TIF", 0},           {"*.*", "anything", "at all", 1},
+        {"sc?n.T?F", "scan", "TIF", 1},    {"scan?.TIF", "scan", "TIF", 1},  // ? passes the end of the text
+        {"sca.TIF", "scan", "TIF", 0},     {"scan.TIFF", "scan", "TIF", 0},
+        {"s*.TIF", "scan", "TIF", 1},      {"", "scan", "TIF", 0},
+        {";*.TIF", "scan", "TIF", 0},  // an empty first token ends the search
+        {longToken + ";*.TIF", "scan", "TIF", 1},
+        {longToken + "." + longToken, longToken.c_str(), longToken.c_str(), 0},
+    };
+    for (const auto &c : matches)
+        EXPECT_EQ(MatchFileFilter(c.patterns.c_str(), c.name, c.extension), c.expected)
+            << c.patterns.substr(0, 20) << " / " << c.name << " / " << c.extension;
     // Long sources are cut at 259: 260-byte targets with guard bytes behind them.
     const std::string longName(700, 'n');
-    const std::string sources[] = {longName, longName + ".TIF", "x." + longName, "a;" + longName + ";b"};
-    for (const std::string &source : sources)
+    for (const std::string &source : {longName, longName + ".TIF", "x." + longName, "a;" + longName + ";b"})
         for (int routine = 0; routine < 3; ++routine) {
             struct { char target[DialogPathBytes]; char guard[16]; } area;
             memset(&area, 'g', sizeof area);
@@ -119,185 +127,128 @@ TEST(DialogStrings, TokensAndLongSources) {
         }
 }
 
-TEST(DialogMatch, Patterns) {
-    const std::string longToken(600, 'a');
-    struct Case { std::string patterns; const char *name, *extension; int32_t expected; } cases[] = {
-        {"*.TIF", "scan", "TIF", 1},
-        {"*.TIF", "scan", ".TIF", 1},  // _splitpath's form
-        {"*.TIF", "scan", "tif", 0},   // case-sensitive
-        {"*.BMP;*.TIF", "scan", "TIF", 1},
-        {"*.BMP; *.TIF", "scan", "TIF", 1},
-        {"*.BMP;   *.TIF  ", "scan", "TIF", 1},
-        {"*", "scan", "", 1},  // no dot: empty extension part
-        {"*", "scan", "TIF", 0},
-        {"*.*", "anything", "at all", 1},
-        {"sc?n.T?F", "scan", "TIF", 1},
-        {"scan?.TIF", "scan", "TIF", 1},  // ? passes the end of the text
-        {"sca.TIF", "scan", "TIF", 0},
-        {"scan.TI", "scan", "TIF", 0},
-        {"scan.TIFF", "scan", "TIF", 0},
-        {"s*.TIF", "scan", "TIF", 1},
-        {"", "scan", "TIF", 0},
-        {";*.TIF", "scan", "TIF", 0},  // an empty first token ends the search
-        {longToken + ";*.TIF", "scan", "TIF", 1},
-        {longToken + "." + longToken, longToken.c_str(), longToken.c_str(), 0},
-    };
-    for (const Case &c : cases)
-        EXPECT_EQ(MatchFileFilter(c.patterns.c_str(), c.name, c.extension), c.expected)
-            << c.patterns.substr(0, 20) << " / " << c.name << " / " << c.extension;
-}
-
 TEST_F(Dialog, FilterChosenFromTheProposedName) {
     const char badList[] = "A\0*.X\0B\0\0C\0*.TIF\0";  // an empty pattern string ends the walk
-    struct Case { const char *proposed; const char *filters; uint32_t expected; } cases[] = {
-        {"scan.TIF", ImageFilters, 3},
-        {"scan.tif", ImageFilters, 1},
-        {"scan", ImageFilters, 1},
+    const struct { const char *proposed; const char *filters; uint32_t expected; } cases[] = {
+        {"scan.TIF", ImageFilters, 3}, {"scan.tif", ImageFilters, 1}, {"scan", ImageFilters, 1},
         {"c:\\a.b\\x.TIF", ImageFilters, 1},  // cut at the first dot: b\x.TIF
-        {"page.PCX", ImageFilters, 4},
-        {"page.RAS", ImageFilters, 5},
-        {"scan.TIF", nullptr, 1},
-        {"scan.TIF", "\0", 1},
-        {"scan.TIF", badList, 1},
+        {"page.PCX", ImageFilters, 4}, {"page.RAS", ImageFilters, 5},
+        {"scan.TIF", nullptr, 1},      {"scan.TIF", "\0", 1},          {"scan.TIF", badList, 1},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.proposed);
         Answer();
         char buffer[DialogPathBytes];
         Fill(buffer, c.proposed);
-        EXPECT_EQ(SelectFileDialog(buffer, c.filters, 0x6000, "Open Image File", nullptr, nullptr, nullptr), 0);
-        EXPECT_EQ(script.calls, 1) << c.proposed;
-        EXPECT_EQ(script.filterIndex, c.expected) << c.proposed;
+        EXPECT_EQ(SelectFileDialog(buffer, c.filters, Always, "Open Image File", nullptr, nullptr, nullptr), 0);
+        EXPECT_EQ(script.calls, 1);
+        EXPECT_EQ(script.asked, "open 6156 filter " + std::to_string(c.expected) + " in  file ");  // nothing remembered
         EXPECT_STREQ(buffer, c.proposed);  // a cancel leaves the name
-        EXPECT_EQ(script.file, "");        // no remembered path: no file title
-        EXPECT_EQ(script.initialDir, "");
         EXPECT_EQ(script.title, "Open Image File");
     }
 }
 
 TEST_F(Dialog, ProfilePath) {
-    char path[DialogPathBytes];
-    const std::string platformDir = profileDir + "\\";
-    ASSERT_EQ(DialogProfilePath(path, "scan"), 1);
-    EXPECT_EQ(std::string(path), platformDir + "scan.STS");
-    ASSERT_EQ(DialogProfilePath(path, "c:\\x\\scan"), 1);
-    EXPECT_STREQ(path, "c:\\x\\scan.STS");
-    ASSERT_EQ(DialogProfilePath(path, "scan.ini"), 1);
-    EXPECT_EQ(std::string(path), platformDir + "scan.ini");
-    ASSERT_EQ(DialogProfilePath(path, "d:scan"), 1);
-    EXPECT_STREQ(path, "d:scan.STS");
-    EXPECT_EQ(DialogProfilePath(path, std::string(300, 'p').c_str()), 0);  // would not fit: profile off
-    EXPECT_EQ(DialogProfilePath(path, ""), 0);
-
+    const std::string dir = profileDir + "\\";
+    const struct { std::string profile; int32_t result; std::string path; } paths[] = {
+        {"scan", 1, dir + "scan.STS"},          {"c:\\x\\scan", 1, "c:\\x\\scan.STS"},
+        {"scan.ini", 1, dir + "scan.ini"},      {"d:scan", 1, "d:scan.STS"},
+        {std::string(300, 'p'), 0, ""},  // would not fit: profile off
+        {"", 0, ""},
+    };
+    for (const auto &p : paths) {
+        char path[DialogPathBytes] = "";
+        EXPECT_EQ(DialogProfilePath(path, p.profile.c_str()), p.result) << p.profile;
+        EXPECT_EQ(std::string(path), p.path);  // untouched when the profile is off
+    }
     // Stored where those paths say: the platform directory (made on first
     // write) and a directory named with backslashes.
     const std::string chosen = test::WriteTemp("chosen.TIF", {1});
     std::string elsewhere = test::TempDir() + "/prof";
     for (char &c : elsewhere)
         if (c == '/') c = '\\';
-    const struct { const char *profile; std::string file; } stores[] = {{"scan", profileDir + "/scan.STS"},
-                  {"scan.ini", profileDir + "/scan.ini"},
-                  {elsewhere.c_str(), test::TempDir() + "/prof.STS"}};
+    const struct { const char *profile; std::string file; } stores[] = {
+        {"scan", profileDir + "/scan.STS"}, {"scan.ini", profileDir + "/scan.ini"},
+        {elsewhere.c_str(), test::TempDir() + "/prof.STS"}};
     for (const auto &store : stores) {
         Answer(chosen);
         char buffer[DialogPathBytes] = "scan.TIF";
         EXPECT_EQ(Ask(buffer, 0, store.profile), 1);
         EXPECT_EQ(std::string(buffer), chosen);
-        EXPECT_EQ(ReadText(store.file), Stored(chosen)) << store.profile;
+        EXPECT_EQ(test::ReadText(store.file), Stored(chosen)) << store.profile;
     }
     unlink((test::TempDir() + "/prof.STS").c_str());
 }
 
-TEST_F(Dialog, Flags) {
-    const std::string remembered = test::WriteTemp("page.TIF", {1, 2});
-    const std::string other = test::WriteTemp("other.BMP", {1});
-    struct Case {
-        uint32_t flags;
-        int calls;          // 0: the remembered file was taken without a dialog
-        int32_t save;
-        uint32_t dialogFlags;
-    } cases[] = {
-        {0, 0, 0, 0},
-        {0x4000, 0, 0, 0},
-        {0x6000, 1, 0, 6156},
-        {0x2000, 1, 0, 6156},
-        {0x1000, 1, 1, 6158},
-        {0x5000, 1, 0, 6158},
+TEST_F(Dialog, FlagsAndTheRememberedFile) {
+    const std::string remembered = test::WriteTemp("page.TIF", {1, 2}), other = test::WriteTemp("other.BMP", {1});
+    // It opens in the remembered directory with the remembered name, and the
+    // filter follows that name, not the proposed one.
+    const std::string in = " filter 3 in " + test::TempDir() + "/ file page.TIF";
+    const struct { uint32_t flags; std::string asked; } cases[] = {
+        {0, ""},  // the remembered file is taken without a dialog
+        {0x2000, "open 6156" + in}, {0x1000, "save 6158" + in}, {0x5000, "open 6158" + in},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.flags);
         const std::string profile = Remember(remembered);
         Answer(other);
         char buffer[DialogPathBytes] = "proposed.PCX";
-        EXPECT_EQ(Ask(buffer, c.flags), 1) << c.flags;
-        EXPECT_EQ(script.calls, c.calls) << c.flags;
-        const std::string expected = c.calls ? other : remembered;
-        EXPECT_EQ(std::string(buffer), expected) << c.flags;
-        EXPECT_EQ(ReadText(profile), Stored(expected)) << c.flags;
-        if (!c.calls) continue;
-        EXPECT_EQ(script.save, c.save) << c.flags;
-        EXPECT_EQ(script.flags, c.dialogFlags) << c.flags;
-        // It opens in the remembered directory with the remembered name, and
-        // the filter follows that name, not the proposed one.
-        EXPECT_EQ(script.initialDir, test::TempDir() + "/");
-        EXPECT_EQ(script.file, "page.TIF");
-        EXPECT_EQ(script.filterIndex, 3u);
+        EXPECT_EQ(Ask(buffer, c.flags), 1);
+        EXPECT_EQ(script.asked, c.asked);
+        const std::string expected = c.asked.empty() ? remembered : other;
+        EXPECT_EQ(std::string(buffer), expected);
+        EXPECT_EQ(test::ReadText(profile), Stored(expected));
     }
-}
-
-TEST_F(Dialog, RememberedFile) {
-    const std::string remembered = test::WriteTemp("kept.TIF", {1});
-    // Taken without a dialog, and stored again (the profile is written anew).
-    std::string profile = Remember("\" " + remembered + "  \"");  // blanks around it go
+    // Blanks around a remembered path go; it is stored again, the profile written anew.
+    std::string profile = Remember("\" " + remembered + "  \"");
     const ino_t before = Inode(profile);
     char buffer[DialogPathBytes] = "";
+    Answer();
     EXPECT_EQ(Ask(buffer, 0), 1);
     EXPECT_EQ(script.calls, 0);
     EXPECT_EQ(std::string(buffer), remembered);
-    EXPECT_EQ(ReadText(profile), Stored(remembered));
+    EXPECT_EQ(test::ReadText(profile), Stored(remembered));
     EXPECT_NE(Inode(profile), before);
-
     // A remembered file that is gone leads to the dialog in its directory.
     Answer(remembered);
     Remember(test::TempDir() + "/gone.RAS");
     Fill(buffer, "x");
     EXPECT_EQ(Ask(buffer, 0), 1);
-    EXPECT_EQ(script.calls, 1);
-    EXPECT_EQ(script.file, "gone.RAS");
-    EXPECT_EQ(script.filterIndex, 5u);
-    EXPECT_EQ(ReadText(profile), Stored(remembered));
-
+    EXPECT_EQ(script.asked, "open 6156 filter 5 in " + test::TempDir() + "/ file gone.RAS");
+    EXPECT_EQ(test::ReadText(profile), Stored(remembered));
     // Only a remembered path spares the dialog: an existing file named in
     // the buffer, with no profile, still leads to it.
     Answer();
     Fill(buffer, remembered);
     EXPECT_EQ(SelectFileDialog(buffer, ImageFilters, 0, "t", nullptr, nullptr, nullptr), 0);
     EXPECT_EQ(script.calls, 1);
-
     // An empty section or a NULL key turns the profile off.
     for (int off = 0; off < 2; ++off) {
         Answer("/elsewhere.TIF");
         Remember(remembered);
         Fill(buffer, "x");
         EXPECT_EQ(off ? Ask(buffer, 0, "scan", "Paths", nullptr) : Ask(buffer, 0, "scan", ""), 1);
-        EXPECT_EQ(script.calls, 1);
-        EXPECT_EQ(script.file, "");
+        EXPECT_EQ(script.asked, "open 6156 filter 1 in  file ");
         EXPECT_STREQ(buffer, "/elsewhere.TIF");
-        EXPECT_EQ(ReadText(profile), Stored(remembered));
+        EXPECT_EQ(test::ReadText(profile), Stored(remembered));
     }
 }
 
 TEST_F(Dialog, CancelWritesNothing) {
+    const std::string gone = test::TempDir() + "/gone.TIF";
     for (int pending = 0; pending < 2; ++pending) {
-        const std::string profile = Remember(test::TempDir() + "/gone.TIF");
+        const std::string profile = Remember(gone);
         const ino_t before = Inode(profile);
         test::Recorder recorder;
         if (pending) ReportError("earlier", "failure", 0);
         Answer();
         char buffer[DialogPathBytes] = "scan.TIF";
-        EXPECT_EQ(Ask(buffer, 0x6000), 0);
+        EXPECT_EQ(Ask(buffer, Always), 0);
         EXPECT_EQ(script.calls, 1);
         EXPECT_EQ(ErrorStatus(), pending);
-        EXPECT_EQ(std::string(buffer), test::TempDir() + "/gone.TIF");  // the remembered path, as shown
-        EXPECT_EQ(ReadText(profile), Stored(test::TempDir() + "/gone.TIF"));
+        EXPECT_EQ(std::string(buffer), gone);  // the remembered path, as shown
+        EXPECT_EQ(test::ReadText(profile), Stored(gone));
         EXPECT_EQ(Inode(profile), before);
         EXPECT_EQ(recorder.reports.size(), size_t(pending));
     }
@@ -309,28 +260,22 @@ TEST_F(Dialog, CancelWritesNothing) {
     EXPECT_EQ(SelectFileDialog(buffer, ImageFilters, 0, "t", "fresh", "Paths", "Last"), 0);
     EXPECT_NE(access(fresh.c_str(), F_OK), 0);
     // A NULL buffer gives 0 without a dialog.
-    Answer();
-    EXPECT_EQ(SelectFileDialog(nullptr, ImageFilters, 0x6000, "t", nullptr, nullptr, nullptr), 0);
-    EXPECT_EQ(script.calls, 0);
-}
-
-TEST_F(Dialog, LongRememberedPathAndNames) {
+    EXPECT_EQ(SelectFileDialog(nullptr, ImageFilters, Always, "t", nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(script.calls, 1);
     // A profile value longer than a path, and a proposed name that fills the
     // whole buffer without a NUL in it: all cut, nothing overrun.
-    const std::string longPath = "/" + std::string(400, 'd') + "/" + std::string(300, 'n') + "." + std::string(300, 'e');
-    Remember(longPath);
-    Answer();
-    char buffer[DialogPathBytes];
-    memset(buffer, 'q', sizeof buffer);
-    EXPECT_EQ(Ask(buffer, 0x6000), 0);
-    EXPECT_EQ(script.calls, 1);
-    EXPECT_LE(strlen(buffer), DialogPathBytes - 1);
-    EXPECT_LE(script.file.size(), DialogPathBytes - 1);
-
-    Answer();
-    memset(buffer, 'q', sizeof buffer);
-    EXPECT_EQ(SelectFileDialog(buffer, ImageFilters, 0x6000, "t", nullptr, nullptr, nullptr), 0);
-    EXPECT_EQ(script.calls, 1);
+    setenv("XDG_CONFIG_HOME", config.c_str(), 1);
+    Remember("/" + std::string(400, 'd') + "/" + std::string(300, 'n') + "." + std::string(300, 'e'));
+    for (const char *profile : {"scan", static_cast<const char *>(nullptr)}) {
+        Answer();
+        memset(buffer, 'q', sizeof buffer);
+        EXPECT_EQ(Ask(buffer, Always, profile), 0);
+        EXPECT_EQ(script.calls, 1);
+        if (profile) {
+            EXPECT_LE(strlen(buffer), DialogPathBytes - 1);  // the remembered path, cut
+        }
+        EXPECT_LE(script.file.size(), DialogPathBytes - 1);
+    }
 }
 
 TEST_F(Dialog, AbortLatchGivesZero) {
@@ -341,7 +286,7 @@ TEST_F(Dialog, AbortLatchGivesZero) {
             PostMessageA(nullptr, WM_KEYDOWN, VK_ESCAPE, 0);  // the user's Escape
             char buffer[DialogPathBytes] = "scan.TIF";
             Answer("/x.TIF");
-            const int32_t result = Ask(buffer, 0x6000);
+            const int32_t result = Ask(buffer, Always);
             _exit(result == 0 && script.calls == 0 && strcmp(buffer, "scan.TIF") == 0 ? 0 : 1);
         },
         ::testing::ExitedWithCode(0), "");
@@ -349,22 +294,18 @@ TEST_F(Dialog, AbortLatchGivesZero) {
 
 TEST_F(Dialog, MissingImageFileAsksForAnother) {
     const std::string bmp = test::Fixture("bmp/netpbm_1bit.bmp");
-    const std::string missing = test::TempDir() + "/missing.BMP";
     test::LeakGuard guard;
     // Confirmed: the chosen file is read and its path stands in the name.
     Answer(bmp);
     char name[DialogPathBytes];
-    Fill(name, missing);
+    Fill(name, test::TempDir() + "/missing.BMP");
     TL_HANDLE block = TL_IMAGE_E(name, 0);
     EXPECT_NE(block, nullptr);
     test::FreeBlock(block);
     EXPECT_EQ(std::string(name), bmp);
     EXPECT_EQ(script.calls, 1);
-    EXPECT_EQ(script.title, "Open Image File");
-    EXPECT_EQ(script.flags, 6156u);
-    EXPECT_EQ(script.save, 0);
-    EXPECT_EQ(script.filterIndex, 1u);
-    EXPECT_EQ(script.label, "BMP Files (*.BMP)");
+    EXPECT_EQ(script.asked, "open 6156 filter 1 in  file ");
+    EXPECT_EQ(script.title + " / " + script.label, "Open Image File / BMP Files (*.BMP)");
     // Cancelled: no image, the error state as it stood.
     for (int pending = 0; pending < 2; ++pending) {
         test::Recorder recorder;
@@ -372,7 +313,7 @@ TEST_F(Dialog, MissingImageFileAsksForAnother) {
         Answer();
         Fill(name, test::TempDir() + "/missing.TIF");
         EXPECT_EQ(TL_IMAGE_E(name, 0), nullptr);
-        EXPECT_EQ(script.filterIndex, 3u);
+        EXPECT_EQ(script.asked, "open 6156 filter 3 in  file ");
         EXPECT_EQ(TL_ERRORSTATUS_E(), pending);
     }
     // A file that exists spares the dialog; no profile is ever written.

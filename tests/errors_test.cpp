@@ -10,35 +10,22 @@
 
 namespace {
 
-// Quit messages waiting on this thread's queue, taken out.
+// Quit messages waiting on this thread's queue (each with code 4), taken out.
 int TakeQuitMessages() {
     int count = 0;
-    MSG msg;
-    while (PeekMessageA(&msg, nullptr, WM_QUIT, WM_QUIT, PM_REMOVE)) {
-        EXPECT_EQ(msg.wParam, 4u);
-        ++count;
-    }
+    for (MSG msg; PeekMessageA(&msg, nullptr, WM_QUIT, WM_QUIT, PM_REMOVE); ++count) EXPECT_EQ(msg.wParam, 4u);
     return count;
 }
 
-std::string BoxOutput(void (*reports)()) {
+std::string BoxOf(const char *title, const char *text, int32_t withSystemText) {
     testing::internal::CaptureStderr();
-    reports();
+    ReportError(title, text, withSystemText);
     return testing::internal::GetCapturedStderr();
 }
 
-struct FlagCase {
-    int32_t cont, box;
-    bool callback;
-};
-
 class Errors : public testing::Test {
-   protected:
-    void SetUp() override {
-        ERROR_FLAGS_E(1, 1, 1, nullptr);
-        TL_CLEARERROR_E();
-        TakeQuitMessages();
-    }
+  protected:
+    void SetUp() override { TearDown(); }
     void TearDown() override {
         ERROR_FLAGS_E(1, 1, 1, nullptr);
         TL_CLEARERROR_E();
@@ -46,91 +33,66 @@ class Errors : public testing::Test {
     }
 };
 
-TEST_F(Errors, EveryPathLeavesTheErrorPending) {
-    for (FlagCase c : {FlagCase{1, 1, false}, {0, 1, false}, {1, 0, false}, {0, 0, false}, {1, 1, true}, {0, 0, true}}) {
+// Two reports in a row under each choice of flags: the error stays pending,
+// only the first is shown, and a callback hears both (and then no box shows).
+TEST_F(Errors, TwoReportsUnderEveryChoiceOfFlags) {
+    const struct { int32_t cont, box; bool callback; int quits; const char *shown; } cases[] = {
+        {1, 1, false, 0, "T: first\n"}, {0, 1, false, 1, "T: first\n"}, {1, 0, false, 0, ""},
+        {0, 0, false, 1, ""},           {1, 1, true, 0, ""},             {0, 0, true, 2, ""},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(testing::Message() << c.cont << c.box << c.callback);
         test::Recorder recorder(c.cont, c.box);
         if (!c.callback) ERROR_FLAGS_E(c.cont, c.box, 1, nullptr);
-        testing::internal::CaptureStderr();
-        ReportError("T", "first", 0);
-        EXPECT_EQ(TL_ERRORSTATUS_E(), 1) << c.cont << c.box << c.callback;
-        ReportError("T", "second", 1);
+        SetLastError(0);
+        std::string shown = BoxOf("T", "first", 0);
         EXPECT_EQ(TL_ERRORSTATUS_E(), 1);
-        testing::internal::GetCapturedStderr();
-        TakeQuitMessages();
+        shown += BoxOf("T", "second", 1);
+        EXPECT_EQ(TL_ERRORSTATUS_E(), 1);
+        EXPECT_EQ(shown, c.shown);
+        EXPECT_EQ(TakeQuitMessages(), c.quits);
+        ASSERT_EQ(recorder.reports.size(), c.callback ? 2u : 0u);
+        if (!c.callback) continue;
+        EXPECT_EQ(recorder.reports[0].title, "T");
+        EXPECT_EQ(recorder.reports[0].text, "first");
+        EXPECT_EQ(recorder.reports[0].withSystemText, 0);
+        EXPECT_EQ(recorder.reports[1].text, "second");
+        EXPECT_EQ(recorder.reports[1].withSystemText, 1);
+    }
+    // After a clear the next report is shown again.
+    EXPECT_EQ(BoxOf("A", "again", 0), "A: again\n");
+    EXPECT_EQ(TL_CLEARERROR_E(), 1);
+    EXPECT_EQ(TL_CLEARERROR_E(), 0);
+    EXPECT_EQ(BoxOf("A", "again", 0), "A: again\n");
+}
+
+TEST_F(Errors, SystemTextFollowsALineFeedWithinTheBox) {
+    const std::string longText(505, 'x');  // the box holds 511 characters and its NUL
+    const struct { DWORD code; std::string text, shown; } cases[] = {
+        {ENOENT, "scan.bmp", "T: scan.bmp\nNo such file or directory\n"},
+        {0, "scan.bmp", "T: scan.bmp\n"},  // no system text: no line feed
+        {ENOENT, longText, "T: " + longText + "\nNo su\n"},
+    };
+    for (const auto &c : cases) {
+        TL_CLEARERROR_E();
+        SetLastError(c.code);
+        EXPECT_EQ(BoxOf("T", c.text.c_str(), 1), c.shown);
     }
 }
 
-TEST_F(Errors, DefaultsShowTheFirstReportOnlyAndPostNoQuit) {
-    std::string shown = BoxOutput([] {
-        ReportError("ReadDIB", "Out of memory", 0);
-        ReportError("ReadDIB", "second", 0);
-    });
-    EXPECT_EQ(shown, "ReadDIB: Out of memory\n");
-    EXPECT_EQ(TakeQuitMessages(), 0);
-    // After a clear the next report is shown again.
-    EXPECT_EQ(TL_CLEARERROR_E(), 1);
-    EXPECT_EQ(TL_CLEARERROR_E(), 0);
-    EXPECT_EQ(BoxOutput([] { ReportError("A", "again", 0); }), "A: again\n");
-}
-
-TEST_F(Errors, QuitMessagesFollowTheContinueFlag) {
-    ERROR_FLAGS_E(0, 0, 1, nullptr);
-    ReportError("T", "one", 0);
-    ReportError("T", "two", 0);
-    EXPECT_EQ(TakeQuitMessages(), 1) << "only the first report after a clear posts";
-
-    test::Recorder recorder(0, 1);
-    ReportError("T", "one", 0);
-    ReportError("T", "two", 0);
-    EXPECT_EQ(TakeQuitMessages(), 2) << "with a callback every report posts";
-}
-
-TEST_F(Errors, CallbackHearsEveryReportAndNoBoxIsShown) {
-    test::Recorder recorder(1, 1);
-    std::string shown = BoxOutput([] {
-        ReportError("TOPEN", "TL_OPEN  empty filename", 0);
-        ReportError("ReadIMG", "/x/y", 1);
-    });
-    EXPECT_EQ(shown, "");
-    ASSERT_EQ(recorder.reports.size(), 2u);
-    EXPECT_EQ(recorder.reports[0].title, "TOPEN");
-    EXPECT_EQ(recorder.reports[0].text, "TL_OPEN  empty filename");
-    EXPECT_EQ(recorder.reports[0].withSystemText, 0);
-    EXPECT_EQ(recorder.reports[1].text, "/x/y");
-    EXPECT_EQ(recorder.reports[1].withSystemText, 1);
-    EXPECT_EQ(TakeQuitMessages(), 0);
-}
-
-TEST_F(Errors, SystemTextIsAppendedAfterALineFeedWithinTheBox) {
-    SetLastError(ENOENT);
-    EXPECT_EQ(BoxOutput([] { ReportError("ReadIMG", "scan.bmp", 1); }), "ReadIMG: scan.bmp\nNo such file or directory\n");
-
-    TL_CLEARERROR_E();
-    SetLastError(0);  // no system text: the text alone, no line feed
-    EXPECT_EQ(BoxOutput([] { ReportError("ReadIMG", "scan.bmp", 1); }), "ReadIMG: scan.bmp\n");
-
-    // A long text leaves room for only part of the system's text: the box
-    // holds 511 characters and its NUL.
-    TL_CLEARERROR_E();
-    SetLastError(ENOENT);
-    static std::string longText(505, 'x');
-    std::string shown = BoxOutput([] { ReportError("T", longText.c_str(), 1); });
-    EXPECT_EQ(shown, "T: " + longText + "\nNo su\n");
-}
-
-TEST_F(Errors, SilentAttemptHidesTheBoxRestoresFlagsAndClears) {
+TEST_F(Errors, SilentAttemptHidesTheBoxAndRestoresTheFlags) {
     ERROR_FLAGS_E(0, 1, 1, nullptr);
-    std::string shown = BoxOutput([] {
+    testing::internal::CaptureStderr();
+    {
         SilentAttempt silent;
         ReportError("ReadRAS", "hidden", 1);
         EXPECT_EQ(ErrorStatus(), 1);
-    });
-    EXPECT_EQ(shown, "");
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(TakeQuitMessages(), 0);
     EXPECT_EQ(ErrorStatus(), 0);
     EXPECT_EQ(GetErrorContinue(), 0);
     EXPECT_EQ(GetErrorBox(), 1);
-
     test::Recorder recorder(1, 1);
     {
         SilentAttempt silent;
@@ -138,9 +100,7 @@ TEST_F(Errors, SilentAttemptHidesTheBoxRestoresFlagsAndClears) {
     }
     EXPECT_EQ(recorder.reports.size(), 1u) << "a callback still hears a silent attempt";
     EXPECT_EQ(ErrorStatus(), 0);
-}
-
-TEST_F(Errors, FlagSettersReturnTheValueBefore) {
+    // The setters return the value before.
     ERROR_FLAGS_E(7, 8, 9, nullptr);
     EXPECT_EQ(SetErrorContinue(1), 7);
     EXPECT_EQ(SetErrorBox(1), 8);

@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -25,27 +27,42 @@
 namespace {
 
 uintptr_t Value(const void *p) { return reinterpret_cast<uintptr_t>(p); }
+constexpr uintptr_t Low = uintptr_t(1) << 31;  // the host record holds 32-bit addresses
 
-// ---------------------------------------------------------------- memory
+// A block of `size` bytes: handle in 32 bits, 16-aligned, below 2 GiB, zero
+// and writable throughout; given back afterwards.
+void ExpectZeroedAndFree(TL_HANDLE block, uintptr_t size) {
+    ASSERT_NE(block, nullptr);
+    EXPECT_LE(Value(block), 0xFFFFFFFFu);  // the TIFF reader keeps handles in 32 bits
+    EXPECT_EQ(GlobalSize(block), size);
+    auto *bytes = static_cast<uint8_t *>(GlobalLock(block));
+    ASSERT_NE(bytes, nullptr);
+    EXPECT_EQ(Value(bytes) % 16, 0u);
+    EXPECT_LE(Value(bytes) + size, Low);
+    EXPECT_EQ(size_t(std::count(bytes, bytes + size, 0)), size);
+    std::memset(bytes, 0x5A, size);
+    EXPECT_EQ(GlobalUnlock(block), 0);
+    EXPECT_EQ(GlobalFree(block), nullptr);
+}
 
-TEST(MovableMemory, BlocksAreLowAlignedZeroedAndSized) {
-    const uintptr_t sizes[] = {0, 1, 15, 16, 17, 4095, 4096, 4097, 100000, 3u << 20};
-    for (uintptr_t size : sizes) {
-        SCOPED_TRACE(size);
-        TL_HANDLE block = GlobalAlloc(GHND, size);
-        ASSERT_NE(block, nullptr);
-        EXPECT_LE(Value(block), 0xFFFFFFFFu);  // the TIFF reader keeps handles in 32 bits
-        EXPECT_EQ(GlobalSize(block), size);
-        auto *bytes = static_cast<uint8_t *>(GlobalLock(block));
-        ASSERT_NE(bytes, nullptr);
-        EXPECT_EQ(Value(bytes) % 16, 0u);
-        EXPECT_LE(Value(bytes) + size, uintptr_t(1) << 31);  // the host record holds 32-bit addresses
-        std::vector<uint8_t> zeros(size + 1, 0);
-        EXPECT_EQ(std::memcmp(bytes, zeros.data(), size), 0);
-        std::memset(bytes, 0x5A, size);  // every byte is writable
-        EXPECT_EQ(GlobalUnlock(block), 0);
-        EXPECT_EQ(GlobalFree(block), nullptr);
-    }
+TEST(MovableMemory, FreshAndReusedBlocksAreLowAlignedAndZeroed) {
+    // A dirty block of `before` bytes is freed first (0: none); its mapping
+    // may come back for the new block, also when that is smaller.
+    const struct { uintptr_t before, size; } cases[] = {
+        {0, 0},           {0, 1},           {0, 15},          {0, 16},         {0, 17},
+        {0, 4095},        {0, 4096},        {0, 4097},        {0, 100000},     {0, 3u << 20},
+        {100, 100},       {4096, 4096},     {1088528, 1000000}, {1088528, 600000},
+        {3u << 20, (3u << 20) - 4096},      {8192, 5000}};
+    for (const auto &c : cases)
+        for (int round = 0; round < 3; round++) {
+            SCOPED_TRACE(testing::Message() << c.before << " -> " << c.size << " round " << round);
+            if (c.before) {
+                TL_HANDLE dirty = GlobalAlloc(GMEM_MOVEABLE, c.before);
+                std::memset(GlobalLock(dirty), 0xEE, c.before);
+                GlobalFree(dirty);
+            }
+            ExpectZeroedAndFree(GlobalAlloc(GHND, c.size), c.size);
+        }
 }
 
 #if !TL_TEST_ASAN  // under the sanitizer the shadow of these blocks would cost 64 MiB and more
@@ -54,77 +71,50 @@ TEST(MovableMemory, LargeBlocksStayLow) {
     std::vector<TL_HANDLE> small;
     for (int i = 0; i < 500; i++) small.push_back(GlobalAlloc(GHND, 1000));
     for (uintptr_t size : {uintptr_t(512) << 20, (uintptr_t(1) << 30) - 4096}) {
-        SCOPED_TRACE(size);
         TL_HANDLE block = GlobalAlloc(GHND, size);
-        ASSERT_NE(block, nullptr);
         auto *bytes = static_cast<uint8_t *>(GlobalLock(block));
-        ASSERT_NE(bytes, nullptr);
-        EXPECT_LE(Value(bytes) + size, uintptr_t(1) << 31);
+        ASSERT_NE(bytes, nullptr) << size;
+        EXPECT_LE(Value(bytes) + size, Low);
         EXPECT_EQ(bytes[0] | bytes[size - 1], 0);
         bytes[0] = bytes[size - 1] = 1;
-        GlobalUnlock(block);
         EXPECT_EQ(GlobalFree(block), nullptr);
     }
     for (TL_HANDLE block : small) GlobalFree(block);
 }
 #endif
 
-TEST(MovableMemory, ReusedMemoryIsZeroedAgain) {
-    // Freed blocks may come back at the same place, also in the room of a
-    // larger one (a bitmap of 1.1 MB, then a smaller page); GHND must still
-    // give zeros, and a reused block keeps the guarantees of a fresh one.
-    struct Case {
-        uintptr_t before, size;
-    };
-    const Case cases[] = {{100, 100},          {4096, 4096},        {70000, 70000},         {1088528, 1088528},
-                          {1088528, 1000000},  {1088528, 600000},   {3u << 20, (3u << 20) - 4096}, {8192, 5000}};
-    for (const Case &c : cases) {
-        SCOPED_TRACE(testing::Message() << c.before << " -> " << c.size);
-        for (int round = 0; round < 3; round++) {
-            TL_HANDLE dirty = GlobalAlloc(GMEM_MOVEABLE, c.before);
-            std::memset(GlobalLock(dirty), 0xEE, c.before);
-            GlobalUnlock(dirty);
-            GlobalFree(dirty);
-            TL_HANDLE clean = GlobalAlloc(GHND, c.size);
-            EXPECT_EQ(GlobalSize(clean), c.size);
-            auto *bytes = static_cast<uint8_t *>(GlobalLock(clean));
-            ASSERT_NE(bytes, nullptr);
-            EXPECT_EQ(Value(bytes) % 16, 0u);
-            EXPECT_LE(Value(bytes) + c.size, uintptr_t(1) << 31);
-            std::vector<uint8_t> zeros(c.size, 0);
-            EXPECT_EQ(std::memcmp(bytes, zeros.data(), c.size), 0);
-            std::memset(bytes, 0x5A, c.size);
-            GlobalUnlock(clean);
-            GlobalFree(clean);
-        }
-    }
-}
-
-TEST(MovableMemory, ManyFreedLargeBlocksAreNotAllKept) {
-    // Blocks freed in a row, more and larger than the cache of freed
-    // mappings keeps, come back usable and zeroed.
+TEST(MovableMemory, ManyBlocksAtOnceAndManyFreedInARow) {
     test::LeakGuard guard;
     std::vector<TL_HANDLE> blocks;
+    for (size_t i = 0; i < 2000; i++) {
+        blocks.push_back(GlobalAlloc(GHND, i * 7));
+        ASSERT_NE(blocks.back(), nullptr) << i;
+        std::memset(GlobalLock(blocks[i]), int(i), i * 7);
+        GlobalUnlock(blocks[i]);
+    }
+    EXPECT_EQ(platform::LiveBlocks(), guard.blocks + 2000);
+    for (size_t i = 0; i < blocks.size(); i++) {  // no block overlaps another
+        auto *bytes = static_cast<uint8_t *>(GlobalLock(blocks[i]));
+        EXPECT_TRUE(i == 0 || (bytes[0] == uint8_t(i) && bytes[i * 7 - 1] == uint8_t(i))) << i;
+        EXPECT_EQ(GlobalFree(blocks[i]), nullptr);
+    }
+    EXPECT_TRUE(guard.Same());
+    // More and larger blocks than the cache of freed mappings keeps come back usable and zeroed.
+    blocks.clear();
     for (int i = 0; i < 40; i++) blocks.push_back(GlobalAlloc(GHND, uintptr_t(3) << 20));
     for (TL_HANDLE block : blocks) {
-        ASSERT_NE(block, nullptr);
         static_cast<uint8_t *>(GlobalLock(block))[0] = 1;
-        GlobalUnlock(block);
+        EXPECT_EQ(GlobalFree(block), nullptr);
     }
-    for (TL_HANDLE block : blocks) EXPECT_EQ(GlobalFree(block), nullptr);
     EXPECT_TRUE(guard.Same());
-    for (int i = 0; i < 40; i++) {
-        TL_HANDLE block = GlobalAlloc(GHND, uintptr_t(2) << 20);
-        auto *bytes = static_cast<uint8_t *>(GlobalLock(block));
-        ASSERT_NE(bytes, nullptr);
-        EXPECT_EQ(bytes[0] | bytes[(uintptr_t(2) << 20) - 1], 0);
-        GlobalFree(block);
-    }
+    for (int i = 0; i < 40; i++) ExpectZeroedAndFree(GlobalAlloc(GHND, uintptr_t(2) << 20), uintptr_t(2) << 20);
     EXPECT_TRUE(guard.Same());
 }
 
-TEST(MovableMemory, LockCountsAndResults) {
+TEST(MovableMemory, LocksFreesAndHandles) {
+    test::LeakGuard guard;
     TL_HANDLE block = GlobalAlloc(GHND, 64);
+    EXPECT_EQ(platform::LiveBlocks(), guard.blocks + 1);
     void *first = GlobalLock(block);
     ASSERT_NE(first, nullptr);
     EXPECT_EQ(GlobalLock(block), first);  // a second lock, same address
@@ -132,45 +122,24 @@ TEST(MovableMemory, LockCountsAndResults) {
     EXPECT_EQ(GlobalUnlock(block), 0);    // count reaches 0
     EXPECT_EQ(GlobalUnlock(block), 0);    // not locked at all
     EXPECT_EQ(GlobalLock(block), first);  // usable again
-    EXPECT_EQ(GlobalUnlock(block), 0);
-    EXPECT_EQ(GlobalFree(block), nullptr);
-
-    // Bad handles: 0, a freed block, a foreign value, a data address.
-    TL_HANDLE foreign = reinterpret_cast<TL_HANDLE>(uintptr_t(0x1235));
-    for (TL_HANDLE bad : {TL_HANDLE(nullptr), block, foreign, TL_HANDLE(first)}) {
+    EXPECT_EQ(GlobalFree(block), nullptr);  // a locked block is freed too
+    EXPECT_EQ(platform::LiveBlocks(), guard.blocks);
+    // The freed slot is reused; the old handle, a foreign value or a data
+    // address must not reach the new block: the handle comes back.
+    TL_HANDLE next = GlobalAlloc(GHND, 64);
+    EXPECT_NE(next, block);
+    for (TL_HANDLE bad : {TL_HANDLE(nullptr), block, TL_HANDLE(uintptr_t(0x1235)), TL_HANDLE(first)}) {
         EXPECT_EQ(GlobalLock(bad), nullptr);
         EXPECT_EQ(GlobalUnlock(bad), 0);
         EXPECT_EQ(GlobalSize(bad), 0u);
+        EXPECT_EQ(GlobalFree(bad), bad);
     }
-}
-
-TEST(MovableMemory, FreeResultsAndStaleHandles) {
-    test::LeakGuard guard;
-    TL_HANDLE a = GlobalAlloc(GHND, 32);
-    EXPECT_EQ(platform::LiveBlocks(), guard.blocks + 1);
-    EXPECT_EQ(GlobalFree(a), nullptr);
-    EXPECT_EQ(GlobalFree(a), a);  // double free: the handle back, nothing else happens
-    EXPECT_EQ(platform::LiveBlocks(), guard.blocks);
-
-    // The freed slot is reused; the old handle must not reach the new block.
-    TL_HANDLE b = GlobalAlloc(GHND, 32);
-    EXPECT_NE(b, a);
-    EXPECT_EQ(GlobalLock(a), nullptr);
-    EXPECT_EQ(GlobalFree(a), a);
-    EXPECT_NE(GlobalLock(b), nullptr);
-    EXPECT_EQ(GlobalFree(b), nullptr);  // a locked block is freed too
-    EXPECT_TRUE(guard.Same());
-
+    EXPECT_EQ(GlobalFree(next), nullptr);
     // Oversized requests fail and leave nothing.
     SetLastError(0);
     EXPECT_EQ(GlobalAlloc(GHND, (uintptr_t(1) << 30) + 1), nullptr);
     EXPECT_EQ(GetLastError(), DWORD(ENOMEM));
     EXPECT_EQ(LocalAlloc(LMEM_MOVEABLE, ~uintptr_t(0)), nullptr);
-    EXPECT_TRUE(guard.Same());
-}
-
-TEST(MovableMemory, LocalAndFixedBlocks) {
-    test::LeakGuard guard;
     // Local and Global blocks are one kind and are counted together.
     HLOCAL local = LocalAlloc(LMEM_MOVEABLE | LMEM_ZEROINIT, 10);
     TL_HANDLE global = GlobalAlloc(GMEM_MOVEABLE, 10);
@@ -179,145 +148,87 @@ TEST(MovableMemory, LocalAndFixedBlocks) {
     EXPECT_EQ(LocalUnlock(local), 0);
     EXPECT_EQ(LocalFree(global), nullptr);
     EXPECT_EQ(GlobalFree(local), nullptr);
-
     // A fixed block's handle is its address, always usable; it has no lock count.
-    for (bool isLocal : {false, true}) {
-        void *fixed = isLocal ? LocalAlloc(0, 24) : GlobalAlloc(GMEM_FIXED, 24);
-        ASSERT_NE(fixed, nullptr);
-        EXPECT_EQ(Value(fixed) % 16, 0u);
-        EXPECT_LT(Value(fixed), uintptr_t(1) << 31);
-        std::memset(fixed, 1, 24);
-        EXPECT_EQ(GlobalLock(fixed), fixed);
-        EXPECT_EQ(GlobalUnlock(fixed), 0);
-        EXPECT_EQ(GlobalSize(fixed), 24u);
-        EXPECT_EQ(isLocal ? LocalFree(fixed) : GlobalFree(fixed), nullptr);
-        EXPECT_EQ(GlobalFree(fixed), fixed);
-    }
-    EXPECT_TRUE(guard.Same());
-}
-
-TEST(MovableMemory, ManyBlocksAtOnce) {
-    test::LeakGuard guard;
-    std::vector<TL_HANDLE> blocks;
-    for (int i = 0; i < 2000; i++) {
-        blocks.push_back(GlobalAlloc(GHND, uintptr_t(i) * 7));
-        ASSERT_NE(blocks.back(), nullptr) << i;
-    }
-    for (size_t i = 0; i < blocks.size(); i++) {
-        auto *bytes = static_cast<uint8_t *>(GlobalLock(blocks[i]));
-        ASSERT_NE(bytes, nullptr);
-        std::memset(bytes, int(i), i * 7);
-        GlobalUnlock(blocks[i]);
-    }
-    EXPECT_EQ(platform::LiveBlocks(), guard.blocks + 2000);
-    for (size_t i = 0; i < blocks.size(); i++) {
-        auto *bytes = static_cast<uint8_t *>(GlobalLock(blocks[i]));
-        EXPECT_TRUE(i == 0 || (bytes[0] == uint8_t(i) && bytes[i * 7 - 1] == uint8_t(i))) << i;
-        GlobalUnlock(blocks[i]);
-        EXPECT_EQ(GlobalFree(blocks[i]), nullptr);
-    }
+    void *fixed = GlobalAlloc(GMEM_FIXED | GMEM_ZEROINIT, 24);
+    std::memset(fixed, 0, 24);
+    EXPECT_EQ(GlobalLock(fixed), fixed);
+    ExpectZeroedAndFree(fixed, 24);
+    EXPECT_EQ(GlobalFree(fixed), fixed);
     EXPECT_TRUE(guard.Same());
 }
 
 void WriteAt(void *base, size_t index) { static_cast<volatile uint8_t *>(base)[index] = 1; }
-[[maybe_unused]] uint8_t ReadAt(void *base, size_t index) { return static_cast<volatile uint8_t *>(base)[index]; }
+[[maybe_unused]] void ReadAt(void *base, size_t index) { (void)static_cast<volatile uint8_t *>(base)[index]; }
+void *LockedAfterLargerFreed() {
+    GlobalFree(GlobalAlloc(GHND, 1088528));
+    return GlobalLock(GlobalAlloc(GHND, 600000));
+}
 
 TEST(MovableMemoryDeathTest, OverrunsAndUseAfterUnlockFault) {
     const std::string style = GTEST_FLAG_GET(death_test_style);
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    // A size that is a multiple of 16 ends at the guard page: one byte more faults in every build.
+    // A size that is a multiple of 16 ends at the guard page: one byte more
+    // faults in every build, also in the reused mapping of a larger block.
     for (uintptr_t size : {16u, 4096u, 8192u + 48u})
         EXPECT_DEATH(WriteAt(GlobalLock(GlobalAlloc(GHND, size)), size), "") << size;
-    // Also when the block reuses the mapping of a larger freed one.
-    EXPECT_DEATH(
-        {
-            GlobalFree(GlobalAlloc(GHND, 1088528));
-            WriteAt(GlobalLock(GlobalAlloc(GHND, 600000)), 600000);
-        },
-        "");
+    EXPECT_DEATH(WriteAt(LockedAfterLargerFreed(), 600000), "");
 #if TL_TEST_ASAN
-    // The slack before the guard page, a block no longer locked (after one
-    // unlock of two it still is), and a freed block.
+    // The room below a reused mapping, the slack before the guard page, a
+    // block no longer locked (after one unlock of two it still is), and a freed block.
     using Body = void (*)();
+    static TL_HANDLE block;
     const struct { Body body; const char *regex; } cases[] = {
-        {[] {  // the room below a block that reuses a larger mapping
-             GlobalFree(GlobalAlloc(GHND, 1088528));
-             WriteAt(static_cast<uint8_t *>(GlobalLock(GlobalAlloc(GHND, 600000))) - 1, 0);
-         }, "use-after-poison"},
+        {[] { WriteAt(static_cast<uint8_t *>(LockedAfterLargerFreed()) - 1, 0); }, "use-after-poison"},
         {[] { WriteAt(GlobalLock(GlobalAlloc(GHND, 13)), 13); }, "use-after-poison"},
+        {[] { void *p = GlobalLock(block = GlobalAlloc(GHND, 100)); GlobalUnlock(block), ReadAt(p, 0); }, "use-after-poison"},
         {[] {
-             TL_HANDLE block = GlobalAlloc(GHND, 100);
-             void *bytes = GlobalLock(block);
-             GlobalUnlock(block);
-             ReadAt(bytes, 0);
+             void *p = (GlobalLock(block = GlobalAlloc(GHND, 13)), GlobalLock(block));
+             GlobalUnlock(block), ReadAt(p, 12), GlobalUnlock(block), ReadAt(p, 12);
          }, "use-after-poison"},
-        {[] {
-             TL_HANDLE block = GlobalAlloc(GHND, 13);
-             void *bytes = GlobalLock(block);
-             GlobalLock(block);
-             GlobalUnlock(block);
-             ReadAt(bytes, 12);
-             GlobalUnlock(block);
-             ReadAt(bytes, 12);
-         }, "use-after-poison"},
-        {[] {
-             TL_HANDLE block = GlobalAlloc(GHND, 100);
-             void *bytes = GlobalLock(block);
-             GlobalFree(block);
-             ReadAt(bytes, 50);
-         }, ""},
+        {[] { void *p = GlobalLock(block = GlobalAlloc(GHND, 100)); GlobalFree(block), ReadAt(p, 50); }, ""},
     };
     for (const auto &c : cases) EXPECT_DEATH(c.body(), c.regex);
 #endif
     GTEST_FLAG_SET(death_test_style, style);
 }
 
-// ---------------------------------------------------------------- files
-
-std::vector<uint8_t> Counting(size_t n) {
-    std::vector<uint8_t> bytes(n);
-    for (size_t i = 0; i < n; i++) bytes[i] = uint8_t(i);
-    return bytes;
+HANDLE Open(const std::string &path, DWORD access = GENERIC_READ, DWORD disposition = OPEN_EXISTING) {
+    return CreateFileA(path.c_str(), access, FILE_SHARE_READ, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
-HANDLE OpenRead(const std::string &path) {
-    return CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL,
-                       nullptr);
+// Bytes from, from + 1, ... up to `end`.
+std::vector<uint8_t> Counting(size_t end, size_t from = 0) {
+    std::vector<uint8_t> bytes;
+    for (size_t i = from; i < end; i++) bytes.push_back(uint8_t(i));
+    return bytes;
 }
 
 TEST(Files, OpenModesAndFailures) {
     test::LeakGuard guard;
-    const std::string existing = test::WriteTemp("modes.bin", Counting(10));
-    const std::string missing = test::TempDir() + "/missing.bin";
-    const std::string created = test::TempDir() + "/created.bin";
-    const std::string fifo = test::TempDir() + "/fifo";
+    const std::string dir = test::TempDir(), existing = test::WriteTemp("modes.bin", Counting(10));
+    const std::string created = dir + "/created.bin", fifo = dir + "/fifo";
     unlink(created.c_str());
     unlink(fifo.c_str());
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    struct Case {
-        std::string name;
-        DWORD access, disposition;
-        bool opens;
-        DWORD error;        // GetLastError after a failure
-        int64_t sizeAfter;  // file size after the open, -1: no file
-    } cases[] = {
-        {existing, GENERIC_READ, OPEN_EXISTING, true, 0, 10},
-        {existing, GENERIC_READ | GENERIC_WRITE, OPEN_EXISTING, true, 0, 10},
-        {missing, GENERIC_READ, OPEN_EXISTING, false, ENOENT, -1},
-        {existing, GENERIC_WRITE, OPEN_ALWAYS, true, 0, 10},
-        {created, GENERIC_WRITE, OPEN_ALWAYS, true, 0, 0},
-        {existing, GENERIC_READ | GENERIC_WRITE, CREATE_ALWAYS, true, 0, 0},  // truncates
-        {test::TempDir(), GENERIC_READ, OPEN_EXISTING, false, EISDIR, -1},
-        {"/dev/null", GENERIC_READ, OPEN_EXISTING, false, ENODEV, -1},
-        {fifo, GENERIC_READ, OPEN_EXISTING, false, ENODEV, -1},  // must not wait for a writer
-        {existing, 0, OPEN_EXISTING, false, EINVAL, -1},
-        {existing, GENERIC_READ, 9, false, EINVAL, -1},
+    const DWORD R = GENERIC_READ, W = GENERIC_WRITE;
+    const struct { std::string name; DWORD access, disposition, error; int64_t size; } cases[] = {
+        {existing, R, OPEN_EXISTING, 0, 10},
+        {existing, R | W, OPEN_EXISTING, 0, 10},
+        {dir + "/missing.bin", R, OPEN_EXISTING, ENOENT, -1},
+        {existing, W, OPEN_ALWAYS, 0, 10},
+        {created, W, OPEN_ALWAYS, 0, 0},
+        {existing, R | W, CREATE_ALWAYS, 0, 0},  // truncates
+        {dir, R, OPEN_EXISTING, EISDIR, -1},
+        {"/dev/null", R, OPEN_EXISTING, ENODEV, -1},
+        {fifo, R, OPEN_EXISTING, ENODEV, -1},  // must not wait for a writer
+        {existing, 0, OPEN_EXISTING, EINVAL, -1},
+        {existing, R, 9, EINVAL, -1},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name + " " + std::to_string(c.access) + " " + std::to_string(c.disposition));
         SetLastError(0);
-        HANDLE file = CreateFileA(c.name.c_str(), c.access, 0, nullptr, c.disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
-        if (!c.opens) {
+        HANDLE file = Open(c.name, c.access, c.disposition);
+        if (c.error) {
             EXPECT_EQ(file, INVALID_HANDLE_VALUE);
             EXPECT_EQ(GetLastError(), c.error);
             EXPECT_EQ(platform::OpenFiles(), guard.files);
@@ -326,15 +237,13 @@ TEST(Files, OpenModesAndFailures) {
         ASSERT_NE(file, INVALID_HANDLE_VALUE);
         EXPECT_LT(Value(file), 0xFFFFFFFFu);  // fits a ManagedFile and is not its "none"
         EXPECT_EQ(platform::OpenFiles(), guard.files + 1);
-        EXPECT_EQ(int64_t(GetFileSize(file, nullptr)), c.sizeAfter);
+        EXPECT_EQ(int64_t(GetFileSize(file, nullptr)), c.size);
         EXPECT_EQ(fcntl(int(Value(file)), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
         EXPECT_EQ(CloseHandle(file), 1);
         EXPECT_EQ(CloseHandle(file), 0);  // closed twice
     }
-    EXPECT_EQ(CreateFileA(nullptr, GENERIC_READ, 1, nullptr, OPEN_EXISTING, 0x80, nullptr), INVALID_HANDLE_VALUE);
-
-    // A file opened for writing only cannot be read.
-    HANDLE writer = CreateFileA(created.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0x80, nullptr);
+    EXPECT_EQ(CreateFileA(nullptr, R, 1, nullptr, OPEN_EXISTING, 0x80, nullptr), INVALID_HANDLE_VALUE);
+    HANDLE writer = Open(created, W, CREATE_ALWAYS);  // a file opened for writing only cannot be read
     uint8_t byte;
     DWORD got = 7;
     EXPECT_EQ(ReadFile(writer, &byte, 1, &got, nullptr), 0);
@@ -343,18 +252,16 @@ TEST(Files, OpenModesAndFailures) {
     EXPECT_TRUE(guard.Same());
 }
 
-TEST(Files, ReadSeekAndSize) {
+TEST(Files, ReadSeekSizeAndHandles) {
     test::LeakGuard guard;
-    const std::vector<uint8_t> content = Counting(100);
-    HANDLE file = OpenRead(test::WriteTemp("seek.bin", content));
+    const std::string path = test::WriteTemp("seek.bin", Counting(100));
+    HANDLE file = Open(path);
     ASSERT_NE(file, INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetFileSize(file, nullptr), 100u);
     DWORD high = 9;
     EXPECT_EQ(GetFileSize(file, &high), 100u);
     EXPECT_EQ(high, 0u);
-
     constexpr DWORD Fail = INVALID_SET_FILE_POINTER;
-    struct Step { LONG offset; DWORD method, expect, positionAfter; } steps[] = {
+    const struct { LONG offset; DWORD method, expect, positionAfter; } steps[] = {
         {50, FILE_BEGIN, 50, 50},     {10, FILE_CURRENT, 60, 60},   {-5, FILE_END, 95, 95},
         {-101, FILE_END, Fail, 95},   {-1, FILE_BEGIN, Fail, 95},   {-96, FILE_CURRENT, Fail, 95},
         {-95, FILE_CURRENT, 0, 0},    {500, FILE_BEGIN, 500, 500},  // past the end is allowed
@@ -363,12 +270,11 @@ TEST(Files, ReadSeekAndSize) {
         {1, FILE_CURRENT, Fail, 0xFFFFFFFE},  // 0xFFFFFFFF would read as the failure value
         {0, 3, Fail, 0xFFFFFFFE},             // no such method
     };
-    for (const Step &s : steps) {
+    for (const auto &s : steps) {
         SCOPED_TRACE(std::to_string(s.offset) + " method " + std::to_string(s.method));
         EXPECT_EQ(SetFilePointer(file, s.offset, nullptr, s.method), s.expect);
         EXPECT_EQ(SetFilePointer(file, 0, nullptr, FILE_CURRENT), s.positionAfter);
     }
-
     // The two-part form: the position must still fit 32 bits.
     LONG offsetHigh = 0;
     EXPECT_EQ(SetFilePointer(file, 10, &offsetHigh, FILE_BEGIN), 10u);
@@ -377,47 +283,28 @@ TEST(Files, ReadSeekAndSize) {
     offsetHigh = -1;
     EXPECT_EQ(SetFilePointer(file, -4, &offsetHigh, FILE_CURRENT), 6u);
     EXPECT_EQ(offsetHigh, 0);
-
     // Reads: full, short at the end (still success), empty at the end.
-    uint8_t buffer[64];
-    DWORD got = 0;
-    SetFilePointer(file, 10, nullptr, FILE_BEGIN);
-    EXPECT_EQ(ReadFile(file, buffer, 20, &got, nullptr), 1);
-    EXPECT_EQ(got, 20u);
-    EXPECT_EQ(std::memcmp(buffer, content.data() + 10, 20), 0);
-    SetFilePointer(file, 90, nullptr, FILE_BEGIN);
-    EXPECT_EQ(ReadFile(file, buffer, 64, &got, nullptr), 1);
-    EXPECT_EQ(got, 10u);
-    EXPECT_EQ(buffer[9], 99);
-    EXPECT_EQ(ReadFile(file, buffer, 64, &got, nullptr), 1);
-    EXPECT_EQ(got, 0u);
-    EXPECT_EQ(CloseHandle(file), 1);
-    EXPECT_TRUE(guard.Same());
-}
-
-TEST(Files, TwoReadersAndBadHandles) {
-    test::LeakGuard guard;
-    const std::string path = test::WriteTemp("two.bin", Counting(40));
-    HANDLE a = OpenRead(path), b = OpenRead(path);
-    ASSERT_NE(a, INVALID_HANDLE_VALUE);
-    ASSERT_NE(b, INVALID_HANDLE_VALUE);
+    for (auto [from, count, got] : {std::array<DWORD, 3>{10, 20, 20}, {90, 64, 10}, {100, 64, 0}}) {
+        uint8_t buffer[64];
+        DWORD read = 99;
+        SetFilePointer(file, LONG(from), nullptr, FILE_BEGIN);
+        EXPECT_EQ(ReadFile(file, buffer, count, &read, nullptr), 1);
+        ASSERT_EQ(read, got);
+        EXPECT_EQ(std::vector<uint8_t>(buffer, buffer + got), Counting(from + got, from));
+    }
+    // A second reader keeps a position of its own, also once the first is closed.
+    HANDLE second = Open(path);
     EXPECT_EQ(platform::OpenFiles(), guard.files + 2);
-    uint8_t x[4], y[4];
+    uint8_t x[4];
     DWORD got;
-    SetFilePointer(a, 20, nullptr, FILE_BEGIN);
-    ASSERT_EQ(ReadFile(a, x, 4, &got, nullptr), 1);
-    ASSERT_EQ(ReadFile(b, y, 4, &got, nullptr), 1);  // b's position is its own
-    EXPECT_EQ(x[0], 20);
-    EXPECT_EQ(y[0], 0);
-    EXPECT_EQ(CloseHandle(a), 1);
-    ASSERT_EQ(ReadFile(b, y, 4, &got, nullptr), 1);
-    EXPECT_EQ(y[0], 4);
-
+    ASSERT_EQ(ReadFile(second, x, 4, &got, nullptr), 1);
+    EXPECT_EQ(x[0], 0);  // the first stands at the end
+    EXPECT_EQ(CloseHandle(file), 1);
+    ASSERT_EQ(ReadFile(second, x, 4, &got, nullptr), 1);
+    EXPECT_EQ(x[0], 4);
     // Handles CreateFileA did not give (or already took back) are refused.
-    HANDLE bad[] = {INVALID_HANDLE_VALUE, a, reinterpret_cast<HANDLE>(intptr_t(STDIN_FILENO)),
-                    reinterpret_cast<HANDLE>(intptr_t(1) << 40)};
     const int stdinState = fcntl(STDIN_FILENO, F_GETFD);
-    for (HANDLE h : bad) {
+    for (HANDLE h : {INVALID_HANDLE_VALUE, file, HANDLE(intptr_t(STDIN_FILENO)), HANDLE(intptr_t(1) << 40)}) {
         SetLastError(0);
         EXPECT_EQ(ReadFile(h, x, 4, &got, nullptr), 0);
         EXPECT_EQ(GetLastError(), DWORD(EBADF));
@@ -426,77 +313,62 @@ TEST(Files, TwoReadersAndBadHandles) {
         EXPECT_EQ(CloseHandle(h), 0);
     }
     EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), stdinState);  // not closed by the refused CloseHandle
-    EXPECT_EQ(CloseHandle(b), 1);
+    EXPECT_EQ(CloseHandle(second), 1);
     EXPECT_TRUE(guard.Same());
 }
 
-// ---------------------------------------------------------------- failure display
-
-TEST(ErrorText, LastErrorAndSystemText) {
+TEST(ErrorText, SystemTextLastErrorAndMessageBox) {
     test::LeakGuard guard;
     for (int code : {ENOENT, EACCES, EISDIR}) {
-        SCOPED_TRACE(code);
         char *text = nullptr;
         DWORD length = FormatMessageA(0x1100, nullptr, DWORD(code), 0x400, reinterpret_cast<char *>(&text), 0, nullptr);
-        ASSERT_NE(text, nullptr);
+        ASSERT_NE(text, nullptr) << code;
         EXPECT_EQ(std::string(text), std::string(strerror(code)));
         EXPECT_EQ(length, std::strlen(text));
         EXPECT_EQ(platform::LiveBlocks(), guard.blocks + 1);
         EXPECT_EQ(LocalFree(text), nullptr);  // freed by its address, as callers do
     }
-    // No text: code 0, codes the system does not know.
-    for (DWORD code : {0u, 9999u, 0x80000000u}) {
+    for (DWORD code : {0u, 9999u, 0x80000000u}) {  // no text: 0, codes the system does not know
         char *text = reinterpret_cast<char *>(1);
         EXPECT_EQ(FormatMessageA(0x1100, nullptr, code, 0x400, reinterpret_cast<char *>(&text), 0, nullptr), 0u);
         EXPECT_EQ(text, reinterpret_cast<char *>(1));
     }
-    // Into a caller's buffer: only when it fits.
-    char small[8], large[256];
+    char small[8], large[256];  // into a caller's buffer: only when it fits
     EXPECT_EQ(FormatMessageA(0x1000, nullptr, ENOENT, 0x400, small, sizeof small, nullptr), 0u);
     DWORD length = FormatMessageA(0x1000, nullptr, ENOENT, 0x400, large, sizeof large, nullptr);
     EXPECT_EQ(std::string(large, length), std::string(strerror(ENOENT)));
     EXPECT_TRUE(guard.Same());
 
-    // The last error belongs to the thread.
-    SetLastError(42);
+    SetLastError(42);  // the last error belongs to the thread
     DWORD seenElsewhere = 1;
-    std::thread([&] {
-        seenElsewhere = GetLastError();
-        SetLastError(7);
-    }).join();
+    std::thread([&] { seenElsewhere = GetLastError(), SetLastError(7); }).join();
     EXPECT_EQ(seenElsewhere, 0u);
     EXPECT_EQ(GetLastError(), 42u);
-}
 
-TEST(ErrorText, MessageBoxWritesOneLine) {
-    struct Case { const char *title, *text, *line; } cases[] = {
-        {"ReadTIF", "Cannot read strip 3", "ReadTIF: Cannot read strip 3\n"},
+    const struct { const char *title, *text, *line; } boxes[] = {
         {"TOPEN", "a.tif\nNo such file or directory", "TOPEN: a.tif\nNo such file or directory\n"},
         {"T", "", "T: \n"},
         {"T", "100% %s", "T: 100% %s\n"},  // the text is not a format
     };
-    for (const Case &c : cases) {
+    for (const auto &c : boxes) {
         testing::internal::CaptureStderr();
-        int answer = MessageBoxA(nullptr, c.text, c.title, MB_TASKMODAL | MB_SETFOREGROUND);
+        EXPECT_EQ(MessageBoxA(nullptr, c.text, c.title, MB_TASKMODAL | MB_SETFOREGROUND), 1);
         EXPECT_EQ(testing::internal::GetCapturedStderr(), c.line);
-        EXPECT_EQ(answer, 1);
     }
 }
 
-// ---------------------------------------------------------------- message queue
-
-void DrainQueue() {
-    MSG msg;
-    while (PeekMessageA(&msg, nullptr, 0, 0, PM_REMOVE)) {
-    }
+// The first message PeekMessageA finds, as "message wParam lParam window", or "none".
+std::string Peek(HWND window = nullptr, UINT first = 0, UINT last = 0, UINT remove = PM_REMOVE) {
+    MSG m;
+    if (!PeekMessageA(&m, window, first, last, remove)) return "none";
+    return std::to_string(m.message) + " " + std::to_string(m.wParam) + " " + std::to_string(m.lParam) + " " +
+           std::to_string(Value(m.hwnd));
 }
 
 TEST(MessageQueue, OrderRangesWindowsAndInputState) {
-    DrainQueue();
-    MSG msg;
-    EXPECT_EQ(PeekMessageA(&msg, nullptr, 0, 0, PM_REMOVE), 0);
+    while (Peek() != "none") {
+    }
     EXPECT_EQ(GetInputState(), 0);
-
     HWND window = reinterpret_cast<HWND>(intptr_t(0x55));
     PostQuitMessage(4);
     EXPECT_EQ(GetInputState(), 0);  // a quit message is no input
@@ -504,35 +376,23 @@ TEST(MessageQueue, OrderRangesWindowsAndInputState) {
     EXPECT_EQ(PostMessageA(window, WM_KEYDOWN, VK_ESCAPE, 7), 1);
     EXPECT_EQ(PostMessageA(nullptr, WM_KEYDOWN, 'B', 0), 1);
     EXPECT_NE(GetInputState(), 0);
-
-    // Not removed: the same message again.
-    ASSERT_EQ(PeekMessageA(&msg, nullptr, WM_KEYDOWN, WM_KEYDOWN, PM_NOREMOVE), 1);
-    EXPECT_EQ(msg.wParam, VK_ESCAPE);
-    ASSERT_EQ(PeekMessageA(&msg, nullptr, WM_KEYDOWN, WM_KEYDOWN, PM_REMOVE), 1);
-    EXPECT_EQ(msg.hwnd, window);
-    EXPECT_EQ(msg.lParam, 7);
-    ASSERT_EQ(PeekMessageA(&msg, nullptr, WM_KEYFIRST, WM_KEYLAST, PM_REMOVE), 1);
-    EXPECT_EQ(msg.message, WM_CHAR);  // first in posting order within the range
-    EXPECT_EQ(PeekMessageA(&msg, window, 0, 0, PM_REMOVE), 0);  // nothing left of that window
-    ASSERT_EQ(PeekMessageA(&msg, nullptr, WM_QUIT, WM_ENDSESSION, PM_REMOVE), 1);
-    EXPECT_EQ(msg.message, WM_QUIT);
-    EXPECT_EQ(msg.wParam, 4u);
-    EXPECT_EQ(msg.hwnd, nullptr);
-    EXPECT_EQ(PeekMessageA(&msg, nullptr, WM_QUIT, WM_ENDSESSION, PM_REMOVE), 0);
-    ASSERT_EQ(PeekMessageA(&msg, nullptr, 0, 0, PM_REMOVE), 1);
-    EXPECT_EQ(msg.wParam, WPARAM('B'));
+    const std::string escape = std::to_string(WM_KEYDOWN) + " 27 7 85";
+    EXPECT_EQ(Peek(nullptr, WM_KEYDOWN, WM_KEYDOWN, PM_NOREMOVE), escape);  // not removed: the same again
+    EXPECT_EQ(Peek(nullptr, WM_KEYDOWN, WM_KEYDOWN), escape);
+    EXPECT_EQ(Peek(nullptr, WM_KEYFIRST, WM_KEYLAST), std::to_string(WM_CHAR) + " 97 0 0");  // posting order
+    EXPECT_EQ(Peek(window), "none");  // nothing left of that window
+    EXPECT_EQ(Peek(nullptr, WM_QUIT, WM_ENDSESSION), std::to_string(WM_QUIT) + " 4 0 0");
+    EXPECT_EQ(Peek(nullptr, WM_QUIT, WM_ENDSESSION), "none");
+    EXPECT_EQ(Peek(), std::to_string(WM_KEYDOWN) + " 66 0 0");
     EXPECT_EQ(GetInputState(), 0);
-
     // Mouse messages are input too; the queue is the thread's own.
     PostMessageA(nullptr, WM_MOUSELAST, 0, 0);
     EXPECT_NE(GetInputState(), 0);
     BOOL otherThreadSees = 1;
     std::thread([&] { otherThreadSees = GetInputState(); }).join();
     EXPECT_EQ(otherThreadSees, 0);
-    DrainQueue();
+    EXPECT_NE(Peek(), "none");
 }
-
-// ---------------------------------------------------------------- text
 
 template <typename... Args>
 std::string Format(const char *format, Args... args) {
@@ -542,32 +402,23 @@ std::string Format(const char *format, Args... args) {
     return buffer;
 }
 
-TEST(Text, WsprintfConversions) {
-    struct Case { std::string got, expected; } cases[] = {
-        {Format("%ld", int32_t(-123456)), "-123456"},
-        {Format("%lu", uint32_t(0xFFFFFFFF)), "4294967295"},
-        {Format("%d|%i|%u", int32_t(-1), int32_t(7), uint32_t(3000000000u)), "-1|7|3000000000"},
-        {Format("%x %X %#x %08lX", 255u, 255u, 255u, uint32_t(0xABCD)), "ff FF 0xff 0000ABCD"},
-        {Format("[%5d][%-5d][%05d][%+d][% d]", 42, 42, -42, 42, 42), "[   42][42   ][-0042][+42][ 42]"},
-        {Format("[%s][%8s][%-8s][%.3s]", "ab", "ab", "ab", "abcdef"), "[ab][      ab][ab      ][abc]"},
-        {Format("%c%c|%%|%s", 'o', 'k', static_cast<const char *>(nullptr)), "ok|%|(null)"},
-        {Format("%hd %hu", 5, 6u), "5 6"},
-        {Format("Strip %ld of %ld in %s", int32_t(3), int32_t(9), "a.tif"), "Strip 3 of 9 in a.tif"},
-        {Format("no conversions"), "no conversions"},
-        {Format("ends in %"), "ends in "},
-    };
-    for (const Case &c : cases) EXPECT_EQ(c.got, c.expected);
-}
-
-TEST(Text, WsprintfCutsAt1024) {
-    const std::string longText(2000, 'a');
+TEST(Text, WsprintfConversionsAndTheCutAt1024) {
+    EXPECT_EQ(Format("%ld|%lu", int32_t(-123456), uint32_t(0xFFFFFFFF)), "-123456|4294967295");
+    EXPECT_EQ(Format("%d|%i|%u", int32_t(-1), int32_t(7), uint32_t(3000000000u)), "-1|7|3000000000");
+    EXPECT_EQ(Format("%x %X %#x %08lX", 255u, 255u, 255u, uint32_t(0xABCD)), "ff FF 0xff 0000ABCD");
+    EXPECT_EQ(Format("[%5d][%-5d][%05d][%+d][% d]", 42, 42, -42, 42, 42), "[   42][42   ][-0042][+42][ 42]");
+    EXPECT_EQ(Format("[%s][%8s][%-8s][%.3s]", "ab", "ab", "ab", "abcdef"), "[ab][      ab][ab      ][abc]");
+    EXPECT_EQ(Format("%c%c|%%|%s", 'o', 'k', static_cast<const char *>(nullptr)), "ok|%|(null)");
+    EXPECT_EQ(Format("%hd %hu", 5, 6u), "5 6");
+    EXPECT_EQ(Format("no conversions"), "no conversions");
+    EXPECT_EQ(Format("ends in %"), "ends in ");
+    // Cut at 1024: a string, inside a literal, and inside a padded field.
+    const std::string longText(2000, 'a'), format = std::string(1020, 'x') + "%d";
     char buffer[1100];
     std::memset(buffer, '#', sizeof buffer);
     EXPECT_EQ(wsprintfA(buffer, "%s", longText.c_str()), 1024);
     EXPECT_EQ(buffer[1024], 0);
     EXPECT_EQ(buffer[1025], '#');
-    // Cut inside a literal, and inside a padded field.
-    std::string format = std::string(1020, 'x') + "%d";
     std::memset(buffer, '#', sizeof buffer);
     EXPECT_EQ(wsprintfA(buffer, format.c_str(), 123456), 1024);
     EXPECT_EQ(std::string(buffer + 1020), "1234");
@@ -576,35 +427,24 @@ TEST(Text, WsprintfCutsAt1024) {
     EXPECT_EQ(buffer[1023], ' ');  // the field is wider than the whole output
 }
 
-// ---------------------------------------------------------------- paths
-
 TEST(Paths, FullpathAndAccess) {
-    char cwd[4096];
+    char cwd[4096], buffer[260];
     ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
     const std::string here = cwd;
-    struct Case { const char *name; std::string expected; } cases[] = {
-        {"/a/b/c.tif", "/a/b/c.tif"},
-        {"/a/./b//c/", "/a/b/c"},
-        {"/a/b/../../c", "/c"},
-        {"/../..", "/"},
-        {"/", "/"},
-        {"x.tif", here + "/x.tif"},
-        {"./x/../y.tif", here + "/y.tif"},
-        {".", here},
+    const struct { const char *name; std::string expected; } cases[] = {
+        {"/a/./b//c/", "/a/b/c"}, {"/a/b/../../c", "/c"}, {"/../..", "/"},          {"/", "/"},
+        {"x.tif", here + "/x.tif"}, {"./x/../y.tif", here + "/y.tif"}, {".", here},
     };
-    char buffer[260];
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
-        ASSERT_EQ(_fullpath(buffer, c.name, sizeof buffer), buffer);
-        EXPECT_EQ(std::string(buffer), c.expected);
+    for (const auto &c : cases) {
+        ASSERT_EQ(_fullpath(buffer, c.name, sizeof buffer), buffer) << c.name;
+        EXPECT_EQ(std::string(buffer), c.expected) << c.name;
     }
     // Size counts the NUL; NULL buffer or name give NULL.
     EXPECT_EQ(_fullpath(buffer, "/abc", 5), buffer);
     EXPECT_EQ(_fullpath(buffer, "/abcd", 5), nullptr);
-    EXPECT_EQ(_fullpath(buffer, (std::string(300, 'a')).c_str(), sizeof buffer), nullptr);
+    EXPECT_EQ(_fullpath(buffer, std::string(300, 'a').c_str(), sizeof buffer), nullptr);
     EXPECT_EQ(_fullpath(nullptr, "/a", 260), nullptr);
     EXPECT_EQ(_fullpath(buffer, nullptr, 260), nullptr);
-
     const std::string existing = test::WriteTemp("exists.bin", {1});
     EXPECT_EQ(_access(existing.c_str(), 0), 0);
     EXPECT_EQ(_access(test::TempDir().c_str(), 0), 0);
