@@ -24,14 +24,20 @@ void SeekBit(int bit) {
     }
 }
 
-TEST(FaxRuns, MakeUpChainsEolsBadCodesAndBoundaries) {
-    const int32_t eol = -1, bad = -2;
+// Bits of the strip read so far.
+int32_t BitIndex(const Strip &strip) {
+    const int32_t bytes = int32_t(TiffImage.rawCursor - strip.data.data()), pos = faxState->position;
+    return pos == 0 ? bytes * 8 : (bytes - 1) * 8 + pos;
+}
+
+TEST(FaxRuns, MakeUpChainsEolsBadCodesDataEndAndBoundaries) {
+    const int32_t eol = -1, bad = -2, cut = -3;
     struct Case {
         const char *what;
         int skip;  // the run starts at this bit
         bool black;
         std::vector<uint32_t> makeUps;  // codes of these lengths first
-        int32_t terminating;            // or eol, or a bad pattern
+        int32_t terminating;            // or eol, a bad pattern, or a word cut off by the end of the data
         int32_t expected;
     } cases[] = {
         {"1728 + 5", 0, false, {1728}, 5, 1733},
@@ -45,6 +51,7 @@ TEST(FaxRuns, MakeUpChainsEolsBadCodesAndBoundaries) {
         {"black 63 across a byte", 7, true, {}, 63, 63},
         {"white bad pattern", 4, false, {}, bad, -2},
         {"black bad pattern after a make-up", 0, true, {128}, bad, -2},
+        {"black word cut off by the end of the data", 4, true, {}, cut, -3},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
@@ -56,29 +63,19 @@ TEST(FaxRuns, MakeUpChainsEolsBadCodesAndBoundaries) {
                             : (c.black ? faxcodes::BlackMakeUp : faxcodes::WhiteMakeUp)[m / 64 - 1]);
         if (c.terminating >= 0) w.Run(c.black, uint32_t(c.terminating));
         else if (c.terminating == eol) w.Eol();
-        else w.Bits("000000000000");  // twelve zero bits: no code word of either colour
-        const uint32_t end = w.bits;
-        w.Bits("1011");  // a white 4 follows
+        else w.Bits(c.terminating == bad ? "000000000000" : "0000");  // 12 zero bits are no word of either colour
+        const int32_t end = c.terminating == cut ? c.skip : int32_t(w.bits);
+        if (c.terminating != cut) w.Bits("1011");  // a white 4 follows
         Strip strip(2, 8000, w.bytes);
         ASSERT_EQ(strip.prepared, 1);
         SeekBit(c.skip);
         EXPECT_EQ(FaxDecodeRun(c.black ? FaxBlack : 0), c.expected);
-        if (c.terminating != bad) {  // the position stands behind the last word: the next run is the 4
-            EXPECT_EQ(int32_t(end % 8), faxState->position);
-            EXPECT_EQ(FaxDecodeRun(0), 4);
+        if (c.terminating != bad) {
+            EXPECT_EQ(BitIndex(strip), end) << "behind the last whole word";
         }
+        EXPECT_EQ(c.terminating == cut ? TiffImage.rawLeft : FaxDecodeRun(0), c.terminating == cut ? 0 : 4);
         EXPECT_TRUE(recorder.reports.empty()) << "the run decoder reports nothing";
     }
-}
-
-TEST(FaxRuns, DataRunningOutAndHugeMakeUpChains) {
-    // A black word cut off by the end of the data: -3, the position of the last whole word stays.
-    Strip strip(2, 100, BitWriter().Run(false, 3).Bits("0000").bytes);
-    EXPECT_EQ(FaxDecodeRun(0), 3);
-    EXPECT_EQ(faxState->position, 4);
-    EXPECT_EQ(FaxDecodeRun(FaxBlack), -3);
-    EXPECT_EQ(faxState->position, 4);
-    EXPECT_EQ(TiffImage.rawLeft, 0);
     // 500 000 make-up codes of 2560 sum past 2^31: the run is held above every width.
     BitWriter big;
     for (int i = 0; i < 500000; ++i) big.Bits(faxcodes::ExtendedMakeUp[12]);
@@ -116,8 +113,7 @@ TEST(FaxSkipToEol, CountsZerosAcrossBytesAndRestartsAfterAnEarlyOne) {
             EXPECT_EQ(faxState->curByte, byteBefore);
             EXPECT_EQ(faxState->position, posBefore);
         } else {
-            const int32_t bytes = int32_t(TiffImage.rawCursor - strip.data.data()), pos = faxState->position;
-            EXPECT_EQ(pos == 0 ? bytes * 8 : (bytes - 1) * 8 + pos, c.endBit);
+            EXPECT_EQ(BitIndex(strip), c.endBit);
         }
     }
 }
@@ -163,14 +159,8 @@ TEST(FaxState, RecordReferenceLineGuardAndRelease) {
     // A width whose byte count wrapped in 32 bits, or past the ceiling, gets no record.
     for (uint32_t width : {0xFFFFFFFFu, FaxMaxWidth + 1}) {
         test::LeakGuard guard;
-        std::memset(&TiffImage, 0, sizeof TiffImage);
-        TiffImage.imageWidth = width;
-        TiffImage.scanlineSize = (width + 7) / 8;
-        TiffImage.compression = 4;
-        FaxStart(4);
-        EXPECT_EQ(FaxPrepareStrip(), 0);
+        EXPECT_EQ(Strip(4, width, {}).prepared, 0);
         EXPECT_EQ(faxState, nullptr);
-        FaxRelease();
         EXPECT_TRUE(guard.Same());
     }
 }
