@@ -70,10 +70,13 @@ TEST(FaxRuns, MakeUpChainsEolsBadCodesDataEndAndBoundaries) {
         ASSERT_EQ(strip.prepared, 1);
         SeekBit(c.skip);
         EXPECT_EQ(FaxDecodeRun(c.black ? FaxBlack : 0), c.expected);
-        if (c.terminating != bad) {
-            EXPECT_EQ(BitIndex(strip), end) << "behind the last whole word";
+        if (c.terminating == cut) {
+            EXPECT_EQ(BitIndex(strip), end) << "the position of the last whole word stays";
+            EXPECT_EQ(TiffImage.rawLeft, 0);
+        } else if (c.terminating != bad) {
+            EXPECT_EQ(BitIndex(strip), end) << "behind the last word";
+            EXPECT_EQ(FaxDecodeRun(0), 4);
         }
-        EXPECT_EQ(c.terminating == cut ? TiffImage.rawLeft : FaxDecodeRun(0), c.terminating == cut ? 0 : 4);
         EXPECT_TRUE(recorder.reports.empty()) << "the run decoder reports nothing";
     }
     // 500 000 make-up codes of 2560 sum past 2^31: the run is held above every width.
@@ -146,7 +149,8 @@ TEST(FaxState, RecordReferenceLineGuardAndRelease) {
             ASSERT_NE(faxState, nullptr);
             EXPECT_EQ(faxState->refLine != nullptr, hasRef);
             if (hasRef) {
-                EXPECT_EQ(faxState->refLine[-1], 0) << "the guard byte";
+                EXPECT_EQ(faxState->refLine, reinterpret_cast<uint8_t *>(faxState) + sizeof(FaxState) + 1);
+                EXPECT_EQ(faxState->refLine[-1], 0) << "the guard byte, right behind the record";
                 faxState->refLine[0] = 0xFF;  // a later strip starts white again
                 strip.Restart();
                 EXPECT_EQ(faxState->refLine[0], 0);
