@@ -24,15 +24,12 @@ TEST(Detection, TheFirstBytesDecide) {
     struct Case { const char *what; std::vector<uint8_t> bytes; int32_t type; bool reported = false; } cases[] = {
         {"1 byte", {'B'}, -1, true},
         {"PCX version 4", {0x0A, 0x04, 0, 0}, TypeUnknown},
-        {"GIF", {'G', 'I', 'F', '8'}, TypeUnknown},
         {"half of a TIFF magic", {'M', 'I'}, TypeUnknown},
         {"RAS 8-bit picture", p(8).bytes, TypeRAS},
-        {"RAS 4-bit picture", p(4).bytes, TypeRAS},
         {"RAS bits not taken", p(8, 0, 0, "bi").bytes, TypeUnknown},
         {"RAS upper-case name", p(8, 0, 0, nullptr, "P").bytes, TypeUnknown},
         {"RAS order 2 x -2", p(8, 2, -2).bytes, TypeUnknown},
         {"RAS order 1 x -2", p(8, 1, -2).bytes, TypeRAS},
-        {"magic bi but not bild", test::RasHeader("bixd").Element("p", 0, 0, 8).bytes, -1},
         {"RAS record size 0", test::RasHeader("bild", 0).Element("p", 0, 0, 8).bytes, -1},
         // Element 0 passes and matches nothing; the picture is element 1.
         {"RAS picture is element 1", p(0, 0, 0, "xx").Element("q", 0, 0, 8).bytes, TypeRAS},

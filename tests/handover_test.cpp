@@ -181,8 +181,8 @@ TEST(Handover, FixturesByEveryExportGiveSetBitsForDarkPixels) {
 
 TEST(Handover, WidthsAndHeightsGivePackedRowsFromTheTop) {
     const Pixel pixel = [](int32_t x, int32_t y) { return uint32_t((x * 5 + y * 3) % 7 == 0 || x == y); };
-    for (int32_t width : {1, 8, 33, 32767})
-        for (int32_t height : {1, 2, 5})
+    for (int32_t width : {1, 33, 32767})
+        for (int32_t height : {1, 5})
             for (Path path : {Image, Bitmap}) {
                 SCOPED_TRACE(testing::Message() << width << " x " << height);
                 ExpectHandOver(path, Dib{width, height, {White, Black}, pixel}, height, width, pixel);
@@ -213,12 +213,10 @@ TEST(Handover, RastersOfBuiltBitmaps) {
         {"equal sums", Both, {13, 3, {{10, 20, 30}, {30, 20, 10}}, third}, 3, 13, third},
         {"first darker by one", Both, {13, 3, {Black, {0, 0, 1}}, third}, 3, 13,
          [&](int32_t x, int32_t y) { return !third(x, y); }},
-        {"first lighter by one", Both, {13, 3, {{0, 0, 1}, Black}, third}, 3, 13, third},
         {"colour table", Bitmap, Dib{16, 2, colours, column}.Bits(4, 16), 2, 16,
          [&](int32_t x, int32_t) { return x < int32_t(std::size(table)) && table[x].dark; }},
         // Depths other than 1 and 4 write no pixels; biPlanes 0 counts as 1.
         {"8 bits", Bitmap, Dib{19, 6}.Bits(8, 0), 6, 19, none},
-        {"24 bits", Bitmap, Dib{19, 6}.Bits(24, 0), 6, 19, none},
         {"8 bits, two colours: inverted", Bitmap, Dib{19, 6}.Bits(8, 2), 6, 19, all},
         {"0 planes", Bitmap, Dib{19, 6, {Black, White}, pixel}.Planes(0), 6, 19, inverse},
         // Width 0 gives empty rows; a negative height is a top-down bitmap.
@@ -226,8 +224,6 @@ TEST(Handover, RastersOfBuiltBitmaps) {
         {"top-down", Both, {21, -6, light, pixel}, 6, 21, dark},
         // biSizeImage short of stride x height: the whole rows that are
         // there, the lowest of the image.
-        {"8 declared bytes", Image, Dib{30, 7, light, pixel}.Stored(2, 8), 2, 30,
-         [&](int32_t x, int32_t y) { return dark(x, y + 5); }},
         {"11 declared bytes", Image, Dib{30, 7, light, pixel}.Stored(2, 11), 2, 30,
          [&](int32_t x, int32_t y) { return dark(x, y + 5); }},
         // Rows the host's block does not hold stay blank (the lowest three
@@ -247,7 +243,7 @@ TEST(Handover, RastersOfBuiltBitmaps) {
             }
     // biPlanes above 1 steps several rows at a time from the top row; raster
     // rows whose source would lie outside the pixel rows stay blank.
-    for (uint16_t planes : {2, 3, 500})
+    for (uint16_t planes : {2, 500})
         for (int32_t height : {7, -7}) {
             SCOPED_TRACE(testing::Message() << planes << " planes, height " << height);
             ExpectHandOver(Bitmap, Dib{12, height, light, pixel}.Planes(planes), 7, 12,
@@ -263,7 +259,7 @@ TEST(Handover, RastersOfBuiltBitmaps) {
 TEST(BitmapIntoRecord, HostBlockKeepsAllButClrUsedAndGivesTheSameRasterTwice) {
     test::QuietDefaults();
     const struct { uint16_t bits; uint32_t clrUsed, expected; } cases[] = {
-        {1, 0, 2}, {4, 0, 16}, {4, 5, 5}, {8, 0, 256}, {32, 0, 1}};
+        {1, 0, 2}, {4, 5, 5}, {8, 0, 256}, {32, 0, 1}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.bits);
         Dib dib = Dib{11, 4, std::vector<Bgr>(c.bits == 32 ? 0 : c.expected, Black),

@@ -121,13 +121,12 @@ TEST(Lzw, RoundTripsThroughEveryCodeWidthAndAcrossRows) {
     } cases[] = {
         {"noise of 16 values, CLEAR at 4094", Noise(40000, 16, 1)},
         {"noise of 4 values, CLEAR once entry 4095 is filled", Noise(60000, 4, 2), 4096},
-        {"all 256 values", Noise(20000, 256, 3)},
         {"white: strings up to 345 bytes, longer than a row of 310 and a byte-wide length", Bytes(60000, 0)},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
         const Bytes stream = Encode(c.data, c.clearAt);
-        for (uint32_t rowBytes : {1u, 7u, 30u, 310u, 1000u}) {
+        for (uint32_t rowBytes : {1u, 7u, 310u}) {
             SCOPED_TRACE(rowBytes);
             const uint32_t rows = uint32_t(c.data.size() / rowBytes);
             Decoded d = Decode(true, stream, rowBytes, rows);
@@ -167,7 +166,6 @@ TEST(LineDecoders, HandMadeStreamsAndFaults) {
         {"first code names an entry not yet made", lzw, Codes9({256, 0x41, 300, 257}), 8, 1, {}, 0, unexpected},
         {"no CLEAR and a first code of 258", lzw, Codes9({258, 0x41, 257}), 4, 1, {}, 0, unexpected},
         {"a code above 255 right after CLEAR", lzw, Codes9({256, 260, 0x41, 257}), 4, 1, {}, 0, unexpected},
-        {"CLEAR, CLEAR", lzw, Codes9({256, 256, 0x41, 257}), 4, 1, {}, 0, unexpected},
         {"table full without CLEAR", lzw, Encode(Noise(40000, 16, 5), 5000), 40000, 1, {}, 0,
          {"Internal error in LZW decoding"}},
         {"the first nine bits spell CLEAR lowest bit first", lzw, {0x00, 0x01, 0x55}, 1, 1, {}, -2, none},
@@ -177,7 +175,6 @@ TEST(LineDecoders, HandMadeStreamsAndFaults) {
         {"a run past the row is cut; the next row starts at the next control byte", packBits, {0xFD, 0x77, 0x01, 0x10, 0x20},
          2, 2, {0x77, 0x77, 0x10, 0x20}, -1, none},
         {"a literal past the row is cut", packBits, {0x03, 1, 2, 3, 4, 0xFF, 9}, 2, 2, {1, 2, 9, 9}, -1, none},
-        {"a literal past the strip delivers what is there", packBits, {0x05, 1, 2}, 4, 1, {}, 0, packBitsShort},
         {"a run without its byte", packBits, {0x01, 5, 6, 0xFE}, 3, 1, {}, 0, packBitsShort},
         {"input ends before the row is full", packBits, {0x00, 7}, 2, 1, {}, 0, packBitsShort},
     };

@@ -100,24 +100,6 @@ TEST(TiffReader, EncodedFilesGiveTheirSourcePixelsAndAFullHeader) {
     }
 }
 
-TEST(TiffReader, RowBytesPaddingAndPhotometric) {
-    test::QuietDefaults();
-    // {width, row bytes, scanline}; photometric 1 turns the padding to 1 with the pixels, 0 leaves it 0.
-    for (auto [width, rowBytes, scanline] : {std::tuple<uint32_t, uint32_t, uint32_t>{1, 4, 1}, {33, 8, 5}, {32, 4, 4}})
-        for (uint16_t photometric : {0, 1}) {
-            SCOPED_TRACE(testing::Message() << width << " photometric " << photometric);
-            Bytes strip(scanline * 2);
-            for (size_t i = 0; i < strip.size(); ++i) strip[i] = uint8_t(0x81 + i);
-            Bytes bytes = LoadBytes(Write(Bilevel(width, 2, 1, {strip}).Short(262, photometric)));
-            ASSERT_EQ(bytes.size(), 48 + 2 * rowBytes);
-            const uint8_t flip = photometric == 1 ? 0xFF : 0x00;
-            for (uint32_t i = 0; i < rowBytes; ++i) {  // the file's first row at the highest address
-                EXPECT_EQ(bytes[48 + rowBytes + i], uint8_t((i < scanline ? strip[i] : 0) ^ flip)) << i;
-                EXPECT_EQ(bytes[48 + i], uint8_t((i < scanline ? strip[scanline + i] : 0) ^ flip)) << i;
-            }
-        }
-}
-
 // ---- every way to no image: reports in order, nothing left behind ---------
 
 TEST(TiffReader, RefusalsReportInOrderAndLeaveNothingBehind) {
@@ -147,12 +129,9 @@ TEST(TiffReader, RefusalsReportInOrderAndLeaveNothingBehind) {
         bool direct = false;
     };
     const std::vector<Case> cases = {
-        {"encoder: gray", fixture("refuse_gray8.tif"), {bilevel + "BitsPerSamples)"}},
-        {"encoder: rgb", fixture("refuse_rgb.tif"), {bilevel + "BitsPerSamples)"}},
         {"encoder: tiled", fixture("refuse_tiled.tif"), {"Missing tag value StripOffsets"}},
         {"encoder: old JPEG", fixture("refuse_ojpeg.tif"), {"JPEG compression not supported"}},
         {"encoder: JPEG as 7", fixture("refuse_jpeg.tif"), {unknown}},
-        {"encoder: deflate", fixture("refuse_deflate.tif"), {unknown}},
         {"encoder: predictor", fixture("refuse_predictor2.tif"), {"Unsupported or unknown value 2 of tag Predictor"}},
         {"version 43", badVersion, {"Invalid TIFF header (Version)"}},
         {"byte order IM", badOrder, {"Invalid TIFF header (ByteOrder)"}, true},
@@ -161,8 +140,6 @@ TEST(TiffReader, RefusalsReportInOrderAndLeaveNothingBehind) {
         {"short directory", Bytes(good.begin(), good.end() - 20), {}},
         {"257 entries", Entries(257), {"dircount=257 in TIFF header too big (>256)"}},
         {"no compression tag", Small().Remove(259), {unknown}},
-        {"compression 7", with(259, 7), {unknown}},
-        {"compression 6", with(259, 6), {"JPEG compression not supported"}},
         {"NeXT", with(259, 32766), {"NeXT 2-bit RLE compression not supported"}},
         {"word RLE", with(259, 32771), {"Word aligned RLE compression not supported"}},
         {"ThunderScan", with(259, 32809), {"ThunderScan RLE compression not supported"}},
@@ -182,7 +159,6 @@ TEST(TiffReader, RefusalsReportInOrderAndLeaveNothingBehind) {
         {"fill order 3", with(266, 3), {"Unknwon value 3 of tag FillOrder"}},
         {"group3 8", Small().Long(292, 8), {"Unknown value 8 of tag Group3Options"}},
         {"group4 3", Small().Long(293, 3), {"Unknown value 3 of tag Group4Options"}},
-        {"predictor 2", with(317, 2), {"Unsupported or unknown value 2 of tag Predictor"}},
         {"257 strips", NoOffsets(NoCounts(Bilevel(8, 257, 1, {Bytes(257)}, 1))),
          {"stripcount=257 in TIFF header too big (>256)"}},
         {"strip array beyond the file", Bilevel(8, 3, 1, {{1}, {2}, {3}}, 1).Raw(273, 4, 3, 0x7FFFFF00),
@@ -194,7 +170,6 @@ TEST(TiffReader, RefusalsReportInOrderAndLeaveNothingBehind) {
         {"rational past the end", Small().Raw(282, 5, 1, 0x7FFFFFF0), {}},
         // The strip engine: the rows before the fault are decoded, then the image is refused.
         {"strip 1 count 0", strip1(0), {"Invalid StripByteCount 0 in strip 1", decode}},
-        {"strip 1 count, top bit", strip1(0x80000001u), {"Invalid StripByteCount 2147483649 in strip 1", decode}},
         {"strip 1 past file and image", strip1(0x7FFFFFFFu), {"Invalid StripByteCount 2147483647 in strip 1", decode}},
         {"strip shorter than its rows", Bilevel(16, 3, 1, {{1, 2, 3, 4, 5}}), {shortRow + "2", decode}},
         {"LZW row cut by EOI", Bilevel(32, 1, 5, {lzwCut}), {"Unexpected code in line 0", decode}},
@@ -202,7 +177,6 @@ TEST(TiffReader, RefusalsReportInOrderAndLeaveNothingBehind) {
         {"LZW second strip cut", Bilevel(8, 2, 5, {lzwCut, {0x80, 0x40, 0x40}}, 1),
          {"Unexpected code in line 1", decode}},
         {"PackBits short", Bilevel(32, 2, 32773, {{0x03, 1, 2, 3, 4, 0x01, 5}}), {shortRow + "1", decode}},
-        {"size 2^32-1 squared", huge(0xFFFFFFFFu, 0xFFFFFFFFu), {oom}},
         {"width 2^31", huge(0x80000000u, 1), {oom}},
         {"length 2^31", huge(1, 0x80000000u), {oom}},
         {"2^18 x 2^16", huge(0x40000, 0x10000), {oom}},
@@ -238,26 +212,18 @@ TEST(TiffReader, LenientFieldsAndResolution) {
     } cases[] = {
         {"256 entries", Entries(256), 52, top},
         {"FillOrder as BYTE stays 1", Small().Byte(266, 2), 52, top},
-        {"Photometric of type 11: the default", Small().Raw(262, 11, 1, 7), 52, top},
-        {"field type 12 dropped", Small().Raw(700, 12, 1000, 5), 52, top},
-        {"RowsPerStrip 0", Small().Long(278, 0), 52, top},
-        {"RowsPerStrip 1000", Small().Long(278, 1000), 52, top},
         {"RowsPerStrip near 2^32", Small().Long(278, 0xFFFFFFF0u), 52, top},
         {"compressed count past the end", pastEnd, 48, 0xFFFFFF80},
         {"300 per inch", dpi(2, 300, 1), 24, 11810},
         {"no YResolution", dpi(2, 300, 1), 28, 0},
-        {"200 per inch", dpi(2, 200, 1), 24, 7873},
         {"118 per cm", dpi(3, 118, 1), 24, 11800},
-        {"unit 1", dpi(1, 300, 1), 24, 0},
         {"no unit", dpi(0, 300, 1), 24, 0},
         {"denominator 0", dpi(2, 300, 0), 24, 0},
-        {"600/2 per inch", dpi(2, 600, 2), 24, 11810},
         {"4e9 per cm", dpi(3, 4000000000u, 1), 24, 0},
         {"LONG: a whole number per unit", Small().Long(282, 300).Short(296, 2), 24, 11810},
         // MM files between II ones: the same numbers, photometric 0 as a SHORT in the top bits.
         {"MM: X 600/2 per inch", Mm(dpi(2, 600, 2)), 24, 11810},
         {"MM: Y 600/2 per inch", Mm(dpi(2, 300, 1).Rational(283, 600, 2)), 28, 11810},
-        {"II: Y 600/2 per inch", dpi(2, 300, 1).Rational(283, 600, 2), 28, 11810},
         {"MM: photometric 0", Mm(Small().Short(262, 0)), 52, 0xA5},
     };
     for (const Case &c : cases) {
@@ -320,7 +286,7 @@ TEST(TiffDirectory, StripTablesRowsPerStripAndByteCounts) {
     // Entries 256 257 258 259 273 282 283, and two rationals outside.
     EXPECT_EQ(estimate(b), b.Build().size() - (7 * 12 + 14 + 16));
     // Photometric by compression when the tag is absent.
-    for (uint16_t compression : {1, 2, 3, 4, 5, 32773}) {
+    for (uint16_t compression : {1, 2, 4, 5}) {
         const bool ccitt = compression >= 2 && compression <= 4;
         ASSERT_EQ(Open(Bilevel(8, 1, compression, {{0x80, 0}})), 1) << compression;
         EXPECT_EQ(TiffPhotometric(), ccitt ? 0 : 1) << compression;
