@@ -16,11 +16,11 @@ struct Rgb {
     bool Dark(int32_t x, int32_t y) const;  // black in a bilevel source
 };
 
-// Reads a binary or plain PBM (P1/P4), PGM (P2/P5) or PPM (P3/P6) file.
+// Reads a binary PBM (P4) or PPM (P6) file.
 bool ReadPnm(const std::string &path, Rgb &out);
 
 // Decodes a bitmap block's bytes (header, palette, rows) through its
-// palette into an Rgb image; 1, 4, 8 and 24 bits.  False when the bytes do
+// palette into an Rgb image; 1, 4 and 8 bits.  False when the bytes do
 // not hold what the header says.
 bool DibToRgb(const std::vector<uint8_t> &block, Rgb &out);
 
