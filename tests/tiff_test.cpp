@@ -63,8 +63,7 @@ Loaded LoadQuiet(const std::string &path, int32_t number = 0, bool direct = fals
 Bytes LoadBytes(const std::string &path) {
     Loaded r = LoadQuiet(path);
     EXPECT_TRUE(r.reports.empty());
-    if (!r.block) return {};
-    Bytes bytes = test::BlockBytes(r.block);
+    Bytes bytes = r.block ? test::BlockBytes(r.block) : Bytes{};
     test::FreeBlock(r.block);
     return bytes;
 }
@@ -90,12 +89,12 @@ TEST(TiffReader, EncodedFilesGiveTheirSourcePixelsAndAFullHeader) {
         ASSERT_TRUE(test::ReadPnm(Fixture("src/" + source + ".pbm"), expected));
         ASSERT_TRUE(test::DibToRgb(bytes, actual));
         EXPECT_EQ(test::FirstDifference(expected, actual), "");
-        const uint32_t width = LoadU32(&bytes[4]), height = LoadU32(&bytes[8]), rowBytes = ((width + 31) / 8) & ~3u;
+        const uint32_t size = ((LoadU32(&bytes[4]) + 31) / 8 & ~3u) * LoadU32(&bytes[8]);
         // biSize, planes and bit count, compression, size, colours, palette white then black.
-        for (auto [at, want] : {std::pair<int, uint32_t>{0, 40}, {12, 0x10001}, {16, 0}, {20, rowBytes * height},
-                                {32, 2}, {36, 0}, {40, 0x00FFFFFF}, {44, 0}})
+        for (auto [at, want] : {std::pair<int, uint32_t>{0, 40}, {12, 0x10001}, {16, 0}, {20, size}, {32, 2}, {36, 0},
+                                {40, 0x00FFFFFF}, {44, 0}})
             EXPECT_EQ(LoadU32(&bytes[at]), want) << "at " << at;
-        EXPECT_EQ(bytes.size(), 48 + rowBytes * height);
+        EXPECT_EQ(bytes.size(), 48 + size);
         EXPECT_TRUE(guard.Same());
     }
 }
@@ -117,11 +116,7 @@ TEST(TiffReader, RefusalsReportInOrderAndLeaveNothingBehind) {
     auto strip1 = [](uint32_t count) { return Bilevel(8, 4, 1, {{1, 2}, {3, 4}}, 2).Longs(279, {2, count}); };
     auto huge = [](uint32_t w, uint32_t h) { return Bilevel(w, h, 1, {{1, 2, 3, 4}}); };
     const Bytes lzwCut = {0x80, 0x10, 0x60, 0x20};  // CLEAR, 'A', EOI at 9 bits: a row of 4 bytes cut short
-    struct File {
-        Bytes bytes;
-        File(Bytes b) : bytes(std::move(b)) {}
-        File(const TiffBuilder &b) : bytes(b.Build()) {}
-    };
+    struct File { Bytes bytes; File(Bytes b) : bytes(std::move(b)) {} File(const TiffBuilder &b) : bytes(b.Build()) {} };
     struct Case {
         const char *what;
         File file;
@@ -212,7 +207,6 @@ TEST(TiffReader, LenientFieldsAndResolution) {
     } cases[] = {
         {"256 entries", Entries(256), 52, top},
         {"FillOrder as BYTE stays 1", Small().Byte(266, 2), 52, top},
-        {"RowsPerStrip near 2^32", Small().Long(278, 0xFFFFFFF0u), 52, top},
         {"compressed count past the end", pastEnd, 48, 0xFFFFFF80},
         {"300 per inch", dpi(2, 300, 1), 24, 11810},
         {"no YResolution", dpi(2, 300, 1), 28, 0},
@@ -267,9 +261,8 @@ TEST(TiffDirectory, StripTablesRowsPerStripAndByteCounts) {
         EXPECT_EQ(TiffImage.rowsPerStrip, want);
         TiffClose();
     }
-    // Estimates.  Uncompressed: a count of 0, one past the file, or none
-    // becomes length x scanline.  Compressed: a count past the file stands;
-    // none becomes the file less the directory and the outside values.
+    // Estimates.  Uncompressed: a count of 0, past the file, or none is length x scanline.
+    // Compressed: a count past the file stands; none is the file less directory and outside values.
     TiffBuilder b = Bilevel(16, 3, 1, {Bytes(6, 0x55)});
     auto estimate = [&](TiffBuilder &file) {
         EXPECT_EQ(Open(file), 1);
@@ -334,8 +327,7 @@ TEST(TiffLines, StripBufferSkipsRestartsAndFillOrder) {
         EXPECT_EQ(rec.reports[0].text, "Internal allocation error in line 6");
     }
     TiffClose();
-    // FillOrder 2 reverses the strip once per load: rows 0x01 0x03 / 0x07 0x0F stored reversed
-    // (PackBits' control bytes 1 too, as 0x80), read again after line 1 has started the strip anew.
+    // FillOrder 2 reverses the strip once per load (PackBits' control bytes too), also when line 1 restarts it.
     for (auto [compression, strip] : {std::pair<uint16_t, Bytes>{1, {0x80, 0xC0, 0xE0, 0xF0}},
                                       {32773, {0x80, 0x80, 0xC0, 0x80, 0xE0, 0xF0}}}) {
         ASSERT_EQ(Open(Bilevel(16, 2, compression, {strip}).Short(266, 2)), 1);
@@ -366,15 +358,13 @@ TEST(TiffReader, WalksAndMemo) {
     EXPECT_EQ(one.block, nullptr);
     EXPECT_TRUE(one.reports.empty());
     EXPECT_EQ(LastImageType, TypeTIFF);
-    // A walk over a failing file: a report, then 0 quietly (the memo was
-    // written after the failure), then a new try.
+    // A walk over a failing file: a report, then 0 quietly (the memo was written), then a new try.
     Loaded a = LoadQuiet(bad, -1), b = LoadQuiet(bad, -1), c = LoadQuiet(bad, -1);
     EXPECT_EQ(a.reports.size(), 1u);
     EXPECT_TRUE(b.reports.empty());
     EXPECT_FALSE(b.pending);
     EXPECT_EQ(c.reports.size(), 1u);
-    // An empty name with an EndFlag of 0 reaches TiffOpen as empty, although
-    // the memo still names `bad` (the read of `good` cleared its flag).
+    // An empty name reaches TiffOpen as empty: the memo names `bad`, but reading `good` cleared its flag.
     EXPECT_FALSE(LoadBytes(good).empty());
     EXPECT_EQ(LoadQuiet("", 0, true).reports, std::vector<std::string>{"TOPEN: TL_OPEN  empty filename"});
     // A null name resets the memo, quietly, and leaves the reader's file alone.
