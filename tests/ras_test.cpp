@@ -77,8 +77,6 @@ TEST(RasHeader, LayoutValuesAndRejections) {
          var(bild().Element("time", 12, 0, 8)).Element("more", 3, 2, 4), {1, 0, 0, 1, 12, 3, 0, 0}},
         {"fixed bild 10 x 4", bild(20).Element("head", 5, 0, 8).Element("bild", 4, 10, 1, -1, 2),
          {0, 4, 10, 1, 0, 5, 5, 10}},
-        {"extents 0 and 1 give one row and one column", bild(30).Element("bild", 0, 1, 8, 1, 2),
-         {0, 1, 1, 8, 0, 0, 1, 29}},
         {"a value of an element with both extents 0", bild(30).Element("flag", 0, 0, 1).Element("bild", 2, 2, 8, 1, 2),
          {0, 2, 2, 8, 0, 1, 4, 25}},
         {"fixed bimp: tail is the rest of RecordSize",
@@ -86,14 +84,10 @@ TEST(RasHeader, LayoutValuesAndRejections) {
          {0, 2, 32, 1, 4, 8, 8, 72}},
         {"bimp: any name starting with dim marks the size",
          bimp().Element("dimx", 2, 0, 8).Element("bild", -1, 5, 4, 1, 2), {1, 0, 0, 4, 0, 2, 0, 0}},
-        {"bimp: a negative extent does not move the gap", bimp().Element("head", 6, 0, 8).Element("x", -3, 4, 8, -1, 2),
-         {1, 0, 0, 8, 0, 6, 0, 0}},
         {"a negative tail is kept", bimp(10).Element("bild", 4, 32, 1, 1, 2), {0, 4, 32, 1, 0, 0, 16, -14}},
         {"magic", var(RasHeader("bilx")), {}, false},
         {"16 elements without an end", var(full), {}},
         {"negative extent behind a picture", bild().Element("bild", 2, 2, 1, 1, 2).Element("more", -1, 2, 8), {}},
-        {"two variable pictures", bild().Element("a", -1, 2, 1, 1, 2).Element("b", -1, 2, 1, 1, 2), {}},
-        {"no picture", bild().Element("data", 2, 2, 8), {}},
         {"directions 0, 2", bild().Element("bild", -1, -1, 1, 0, 2), {}},
         {"directions 2, 1", bild().Element("bild", -1, -1, 1, 2, 1), {}},
         {"directions 1, -2", bild().Element("bild", -1, -1, 1, 1, -2), {}},
@@ -102,7 +96,6 @@ TEST(RasHeader, LayoutValuesAndRejections) {
         // Our own refusals of sizes no file can have.
         {"fixed pixel bytes past 31 bits", bild().Element("bild", 0x7FFFFFFF, 0x7FFFFFFF, 8, 1, 2), {}},
         {"element of a negative size", var(bild().Element("data", 4, 0, -8)), {}},
-        {"gap past 31 bits", var(bild().Element("data", 0x7FFFFFFF, 2, 8)), {}},
         {"fixed file with RecordSize 0", bild(0).Element("bild", 2, 2, 1, 1, 2), {}, false},
     };
     test::Recorder recorder;
@@ -147,14 +140,11 @@ TEST(RasHeader, Palettes) {
     auto clrs = [&](const char *count) { return picture(RasHeader("bimp").Key(0, "clrs", count).Key(1, "rgbq", "")); };
     struct Count { const char *what; RasHeader header; int32_t ok, colours; bool whiteBlack; } counts[] = {
         {"bimp without clrs", picture(RasHeader("bimp")), 1, 2, true},
-        {"clrs 0 gives no entries", clrs("0"), 1, 0, false},
         {"clrs 17", clrs("17"), 0, 0, false},
         {"clrs without rgbq", picture(RasHeader("bimp").Key(0, "clrs", "2")), 0, 0, false},
         {"clrs -1 (our refusal)", clrs("-1"), 0, 0, false},
         {"clrs kept in 16 bits: 65538 is 2", clrs("65538"), 1, 2, false},
         {"clrs past 32 bits", clrs("99999999999"), 0, 0, false},
-        {"bild ignores clrs and rgbq",
-         RasHeader("bild").Key(0, "clrs", "16").Key(1, "rgbq", "00FF0000").Element("bild", 2, 2, 8, 1, 2), 1, 2, true},
     };
     for (const Count &c : counts) {
         SCOPED_TRACE(c.what);
