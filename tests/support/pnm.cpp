@@ -79,4 +79,13 @@ std::string FirstDifference(const Rgb &expected, const Rgb &actual) {
     return "";
 }
 
+std::string BlockDiffers(const std::vector<uint8_t> &block, const std::string &pnmPath, bool inverted) {
+    Rgb expected, actual;
+    if (!ReadPnm(pnmPath, expected)) return "unreadable source " + pnmPath;
+    if (!DibToRgb(block, actual)) return "block does not hold what its header says";
+    if (inverted)
+        for (uint8_t &v : expected.pixels) v = uint8_t(255 - v);
+    return FirstDifference(expected, actual);
+}
+
 }  // namespace test

@@ -26,5 +26,8 @@ bool DibToRgb(const std::vector<uint8_t> &block, Rgb &out);
 
 // Describes the first difference of two images, or returns "".
 std::string FirstDifference(const Rgb &expected, const Rgb &actual);
+// The first difference of a block from the source file at `pnmPath` (its
+// colours inverted when told), or "" when they agree.
+std::string BlockDiffers(const std::vector<uint8_t> &block, const std::string &pnmPath, bool inverted = false);
 
 }  // namespace test

@@ -32,7 +32,7 @@ size_t FixedPixelBytes(const RasLayout &l, const RasPicture &first) {
     return (size_t(l.bits) * size_t(FixedRows(l, first)) * size_t(FixedCols(l, first)) + 7) / 8;
 }
 size_t RecordBytes(const RasLayout &l, const RasPicture &first) {
-    Parts p = PartsOf(l);
+    const Parts p = PartsOf(l);
     return p.prefix + (p.storedSize ? 8 : 0) + p.gap + FixedPixelBytes(l, first);
 }
 
@@ -50,8 +50,7 @@ std::vector<uint8_t> HeaderFor(const RasLayout &l, const RasPicture &first) {
     }
     if (l.before > 0) h.Element("info", l.before, 0, 8);
     if (l.bimp && l.dim > 0) h.Element("dims", l.dim, 0, 8);
-    if (l.variable) h.Element("bild", -1, -1, l.bits, l.order0, 2);
-    if (!l.variable) h.Element("bild", FixedRows(l, first), FixedCols(l, first), l.bits, l.order0, 2);
+    h.Element("bild", l.variable ? -1 : FixedRows(l, first), l.variable ? -1 : FixedCols(l, first), l.bits, l.order0, 2);
     if (l.after > 0) h.Element("note", l.after, 0, 8);
     return h.bytes;
 }
@@ -105,7 +104,7 @@ RasHeader &RasHeader::Key(int k, const char *key, const std::string &value) {
 
 std::vector<RasRecordPlace> RasPlaces(const RasLayout &l, const std::vector<RasPicture> &pictures) {
     std::vector<RasRecordPlace> places;
-    Parts p = PartsOf(l);
+    const Parts p = PartsOf(l);
     size_t at = 2444;
     for (const auto &pic : pictures) {
         RasRecordPlace place{at, at + p.prefix, at + p.prefix + (p.storedSize ? 8 : 0) + p.gap, 0};
