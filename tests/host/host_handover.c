@@ -1,8 +1,5 @@
-/* A host program in C that sees only the library's exports: it hands
- * bitmaps over to its record through the three image exports and the three
- * bitmap exports, reads each raster back through the addresses in the
- * record, checks the dark pixels against the pattern the fixtures were made
- * from, and gives every block back with GlobalUnlock and GlobalFree. */
+/* A host in C that sees only the exports: every image and bitmap export fills its record with the
+ * fixtures' pattern, read back through the record's addresses; every block is given back. */
 #include <stdlib.h>
 #include <string.h>
 
@@ -24,8 +21,7 @@ static int HandoverDark(int x, int y) {
 }
 
 
-/* Reads the raster the record points at and compares it with the pattern;
- * then unlocks and frees the block the export returned. */
+/* Compares the raster the record points at with the pattern; then unlocks and frees the block. */
 static void CheckRasterAndFree(const unsigned char *record, TL_HANDLE block, const char *what) {
     const unsigned char *raster, *rows;
     int x, y, packed, wrong = 0;
@@ -47,8 +43,7 @@ static void CheckRasterAndFree(const unsigned char *record, TL_HANDLE block, con
     CHECK(GlobalFree(block) == 0);
 }
 
-/* The host's own bitmap: a BMP file's bytes behind its 14-byte file
- * header, in a block of its own. */
+/* The host's own bitmap: a BMP file's bytes behind its 14-byte header, in a block of its own. */
 static TL_HANDLE HostBitmap(const char *path) {
     unsigned char bytes[4096];
     size_t size;
