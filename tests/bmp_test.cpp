@@ -1,5 +1,4 @@
-// The BMP reader: blocks from independent encoders, and every way a BMP
-// file can fail.
+// The BMP reader: blocks from independent encoders, and every way a BMP file can fail.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -95,24 +94,6 @@ TEST(BmpReader, EachFileGivesItsBlockOrItsReports) {
         if (!c.source) continue;
         EXPECT_EQ(test::BlockDiffers(b, test::Fixture(std::string("bmp/src/") + c.source)), "");
     }
-}
-
-TEST(BmpReader, AWalkGivesTheImageThenNothingThenTheImage) {
-    test::Recorder recorder;
-    test::LeakGuard guard;
-    const std::string path = test::Fixture("bmp/magick_1bit.bmp");
-    // The image, 0, the image; 0 for the walked file still ends the walk, and the next call reads; an empty
-    // name means the file of the last negative number, and below -1 no walk ends.
-    const int32_t numbers[] = {-1, -1, -1, 0, 0, -2, 0};
-    const bool images[] = {true, false, true, false, true, true, true};
-    for (size_t i = 0; i < std::size(numbers); ++i) {
-        TL_HANDLE block = Load(i == 6 ? "" : path, numbers[i]);
-        EXPECT_EQ(block != nullptr, images[i]) << "call " << i;
-        EXPECT_EQ(TL_ERRORSTATUS_E(), 0);
-        test::FreeBlock(block);
-    }
-    EXPECT_TRUE(test::Heard(recorder).empty());
-    EXPECT_TRUE(guard.Same());
 }
 
 }  // namespace
