@@ -93,12 +93,11 @@ struct Record {
 };
 
 enum Path { Image = 1, Bitmap = 2, Both = 3 };
-using ImageExport = TL_HANDLE(TL_CALL *)(void *, char *, int32_t);
 
-TL_HANDLE LoadImage(Record &record, const std::string &path, int32_t number = 0, ImageExport call = TLC_IMAGE_E) {
+TL_HANDLE LoadImage(Record &record, const std::string &path, int32_t number = 0) {
     std::vector<char> name(path.begin(), path.end());
     name.resize(260, '\0');  // the name may be overwritten with a chosen path
-    return call(record.data(), name.data(), number);
+    return TLC_IMAGE_E(record.data(), name.data(), number);
 }
 
 // The raster of `dib` by either path; the image path goes through a file.
@@ -111,15 +110,14 @@ TL_HANDLE HandOver(Path path, Record &record, const Dib &dib) {
     return raster;
 }
 
-// Hands over by `call` without a report and expects that raster in the
-// block (exactly its size on the bitmap path), and no leak once it is freed.
-void ExpectRasterBy(Path path, const std::function<TL_HANDLE(Record &)> &call, int32_t rows, int32_t columns,
-                    const Dark &dark) {
+// Hands over without a report and expects that raster in the block (exactly
+// its size on the bitmap path), and no leak once it is freed.
+void ExpectHandOver(Path path, const Dib &dib, int32_t rows, int32_t columns, const Dark &dark) {
     SCOPED_TRACE(path == Image ? "image path" : "bitmap path");
     test::Recorder recorder;
     test::LeakGuard guard;
     Record record;
-    TL_HANDLE block = call(record);
+    TL_HANDLE block = HandOver(path, record, dib);
     ASSERT_NE(block, nullptr);
     // The record gets the tag and the addresses of the locked block, and nothing else.
     void *address = GlobalLock(block);
@@ -129,8 +127,8 @@ void ExpectRasterBy(Path path, const std::function<TL_HANDLE(Record &)> &call, i
     EXPECT_EQ(0, std::memcmp(&record.bytes[TL_RECORD_TAG], "a1", 3));
     const Record fresh;
     for (size_t i = 0; i < record.bytes.size(); ++i)
-        ASSERT_TRUE(record.bytes[i] == fresh.bytes[i] || (i >= TL_RECORD_TAG && i < TL_RECORD_MIN_SIZE && i != TL_RECORD_TAG + 3))
-            << "byte " << i;
+        ASSERT_TRUE(record.bytes[i] == fresh.bytes[i] ||
+                    (i >= TL_RECORD_TAG && i < TL_RECORD_MIN_SIZE && i != TL_RECORD_TAG + 3)) << "byte " << i;
     ASSERT_EQ(record.Rows(), rows);
     ASSERT_EQ(record.Columns(), columns);
     for (int32_t y = 0; y < rows; ++y)
@@ -141,10 +139,6 @@ void ExpectRasterBy(Path path, const std::function<TL_HANDLE(Record &)> &call, i
     GlobalFree(block);
     EXPECT_TRUE(guard.Same());
     EXPECT_TRUE(recorder.reports.empty());
-}
-
-void ExpectHandOver(Path path, const Dib &dib, int32_t rows, int32_t columns, const Dark &dark) {
-    ExpectRasterBy(path, [&](Record &r) { return HandOver(path, r, dib); }, rows, columns, dark);
 }
 
 TEST(Handover, WidthsAndHeightsGivePackedRowsFromTheTop) {

@@ -111,7 +111,11 @@ TEST(TiffReader, RefusalsReportInOrderAndLeaveNothingBehind) {
     auto strip1 = [](uint32_t count) { return Bilevel(8, 4, 1, {{1, 2}, {3, 4}}, 2).Longs(279, {2, count}); };
     auto huge = [](uint32_t w, uint32_t h) { return Bilevel(w, h, 1, {{1, 2, 3, 4}}); };
     const Bytes lzwCut = {0x80, 0x10, 0x60, 0x20};  // CLEAR, 'A', EOI at 9 bits: a row of 4 bytes cut short
-    struct File { Bytes bytes; File(Bytes b) : bytes(std::move(b)) {} File(const TiffBuilder &b) : bytes(b.Build()) {} };
+    struct File {
+        Bytes bytes;
+        File(Bytes b) : bytes(std::move(b)) {}
+        File(const TiffBuilder &b) : bytes(b.Build()) {}
+    };
     struct Case {
         const char *what;
         File file;

@@ -41,7 +41,9 @@ bool ReadPnm(const std::string &path, Rgb &out) {
 }
 
 bool DibToRgb(const std::vector<uint8_t> &block, Rgb &out) {
-    auto u32 = [&](size_t at) { return block[at] | block[at + 1] << 8 | block[at + 2] << 16 | uint32_t(block[at + 3]) << 24; };
+    auto u32 = [&](size_t at) {
+        return block[at] | block[at + 1] << 8 | block[at + 2] << 16 | uint32_t(block[at + 3]) << 24;
+    };
     if (block.size() < 40) return false;
     const int32_t width = int32_t(u32(4)), height = int32_t(u32(8));
     const uint32_t bits = block[14] | block[15] << 8, colours = u32(32);

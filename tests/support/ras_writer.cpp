@@ -50,7 +50,8 @@ std::vector<uint8_t> HeaderFor(const RasLayout &l, const RasPicture &first) {
     }
     if (l.before > 0) h.Element("info", l.before, 0, 8);
     if (l.bimp && l.dim > 0) h.Element("dims", l.dim, 0, 8);
-    h.Element("bild", l.variable ? -1 : FixedRows(l, first), l.variable ? -1 : FixedCols(l, first), l.bits, l.order0, 2);
+    const bool v = l.variable;
+    h.Element("bild", v ? -1 : FixedRows(l, first), v ? -1 : FixedCols(l, first), l.bits, l.order0, 2);
     if (l.after > 0) h.Element("note", l.after, 0, 8);
     return h.bytes;
 }
