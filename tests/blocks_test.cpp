@@ -1,7 +1,7 @@
-// Working memory blocks: the life of a descriptor, its empty and null
-// forms, and sizes or handles that cannot be had.
+// Working memory blocks: the life of a descriptor, its empty and null forms, and sizes or handles that cannot be had.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "platform/win32.h"
@@ -22,7 +22,7 @@ TEST(Blocks, LifeOfADescriptor) {
     auto *bytes = static_cast<uint8_t *>(BlockLock(&b));
     ASSERT_NE(bytes, nullptr);
     EXPECT_EQ(b.pointer, bytes);
-    for (size_t i = 0; i < 7 * 13; ++i) ASSERT_EQ(bytes[i], 0) << "flags 0 means zero-filled, byte " << i;
+    EXPECT_EQ(std::count(bytes, bytes + 7 * 13, 0), 7 * 13) << "flags 0 means zero-filled";
     memset(bytes, 0x5A, 7 * 13);
     EXPECT_EQ(BlockLock(&b), bytes);  // a second lock: same address, and one unlock ends both
     BlockUnlock(&b);
@@ -48,11 +48,9 @@ TEST(Blocks, LifeOfADescriptor) {
 
 TEST(Blocks, NullEmptyAndFailingDescriptors) {
     test::LeakGuard guard;
-    EXPECT_EQ(BlockAlloc(nullptr, 0, 1, 1, "null"), 0);
-    EXPECT_EQ(BlockLock(nullptr), nullptr);
-    BlockUnlock(nullptr), BlockFree(nullptr);
     MemoryBlock b{};
-    EXPECT_EQ(BlockLock(&b), nullptr);
+    EXPECT_TRUE(BlockAlloc(nullptr, 0, 1, 1, "null") == 0 && BlockLock(nullptr) == nullptr && BlockLock(&b) == nullptr);
+    BlockUnlock(nullptr), BlockFree(nullptr);
     // Unlock or free of a descriptor without a block clears what else it holds.
     int scratch = 0;
     for (void (*op)(MemoryBlock *) : {BlockUnlock, BlockFree}) {
@@ -67,8 +65,7 @@ TEST(Blocks, NullEmptyAndFailingDescriptors) {
         EXPECT_EQ(BlockAlloc(&b, 0, c.count, c.size, "too big"), 0) << c.count << " x " << c.size;
         EXPECT_TRUE(IsEmpty(b));
     }
-    // A lock that fails (foreign handle, block freed behind our back) gives
-    // the block back and empties the descriptor.
+    // A lock that fails (foreign handle, block freed behind our back) gives the block back and empties the descriptor.
     b = MemoryBlock{0x7FFF0001u, 0, nullptr};
     EXPECT_EQ(BlockLock(&b), nullptr);
     EXPECT_TRUE(IsEmpty(b));

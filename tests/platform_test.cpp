@@ -1,5 +1,4 @@
-// platform_test.cpp - the POSIX stand-ins for the Win32 calls: results that
-// the library's callers depend on, and faults that must not go unnoticed.
+// The POSIX stand-ins for the Win32 calls: results callers depend on, faults that must not go unnoticed.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -18,7 +17,7 @@
 #include "support/support.h"
 #include "tolimage_posix.h"
 
-#if defined(TL_ASAN) || defined(__SANITIZE_ADDRESS__)  // CMake sets TL_ASAN with TL_SANITIZE
+#if defined(TL_ASAN) || defined(__SANITIZE_ADDRESS__)
 #define TL_TEST_ASAN 1
 #else
 #define TL_TEST_ASAN 0
@@ -29,11 +28,10 @@ namespace {
 uintptr_t Value(const void *p) { return reinterpret_cast<uintptr_t>(p); }
 constexpr uintptr_t Low = uintptr_t(1) << 31;  // the host record holds 32-bit addresses
 
-// A block of `size` bytes: handle in 32 bits, 16-aligned, below 2 GiB, zero
-// and writable throughout; given back afterwards.
+// The block has a 32-bit handle, is 16-aligned, below 2 GiB, zero and writable; then it is freed.
 void ExpectZeroedAndFree(TL_HANDLE block, uintptr_t size) {
     ASSERT_NE(block, nullptr);
-    EXPECT_LE(Value(block), 0xFFFFFFFFu);  // the TIFF reader keeps handles in 32 bits
+    EXPECT_LE(Value(block), 0xFFFFFFFFu);
     EXPECT_EQ(GlobalSize(block), size);
     auto *bytes = static_cast<uint8_t *>(GlobalLock(block));
     ASSERT_NE(bytes, nullptr);
@@ -46,29 +44,24 @@ void ExpectZeroedAndFree(TL_HANDLE block, uintptr_t size) {
 }
 
 TEST(MovableMemory, FreshAndReusedBlocksAreLowAlignedAndZeroed) {
-    // A dirty block of `before` bytes is freed first (0: none); its mapping
-    // may come back for the new block, also when that is smaller.
+    // A dirty block of `before` bytes is freed first (0: none); its mapping may come back, also smaller.
     const struct { uintptr_t before, size; } cases[] = {
-        {0, 0},           {0, 1},           {0, 15},          {0, 16},         {0, 17},
-        {0, 4095},        {0, 4096},        {0, 4097},        {0, 100000},     {0, 3u << 20},
-        {100, 100},       {4096, 4096},     {1088528, 1000000}, {1088528, 600000},
-        {3u << 20, (3u << 20) - 4096},      {8192, 5000}};
-    for (const auto &c : cases)
-        for (int round = 0; round < 3; round++) {
-            SCOPED_TRACE(testing::Message() << c.before << " -> " << c.size << " round " << round);
-            if (c.before) {
-                TL_HANDLE dirty = GlobalAlloc(GMEM_MOVEABLE, c.before);
-                std::memset(GlobalLock(dirty), 0xEE, c.before);
-                GlobalFree(dirty);
-            }
-            ExpectZeroedAndFree(GlobalAlloc(GHND, c.size), c.size);
+        {0, 0},       {0, 15},          {0, 16},       {0, 17},      {0, 4096},       {0, 4097},    {0, 3u << 20},
+        {4096, 4096}, {1088528, 600000}, {3u << 20, (3u << 20) - 4096}, {8192, 5000}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(testing::Message() << c.before << " -> " << c.size);
+        if (c.before) {
+            TL_HANDLE dirty = GlobalAlloc(GMEM_MOVEABLE, c.before);
+            std::memset(GlobalLock(dirty), 0xEE, c.before);
+            GlobalFree(dirty);
         }
+        ExpectZeroedAndFree(GlobalAlloc(GHND, c.size), c.size);
+    }
 }
 
-#if !TL_TEST_ASAN  // under the sanitizer the shadow of these blocks would cost 64 MiB and more
+#if !TL_TEST_ASAN  // the sanitizer's shadow of these would cost 64 MiB and more
 TEST(MovableMemory, LargeBlocksStayLow) {
-    // Small blocks live meanwhile must not crowd out a block of nearly 1 GiB.
-    std::vector<TL_HANDLE> small;
+    std::vector<TL_HANDLE> small;  // small blocks live meanwhile must not crowd out nearly 1 GiB
     for (int i = 0; i < 500; i++) small.push_back(GlobalAlloc(GHND, 1000));
     for (uintptr_t size : {uintptr_t(512) << 20, (uintptr_t(1) << 30) - 4096}) {
         TL_HANDLE block = GlobalAlloc(GHND, size);
@@ -98,7 +91,6 @@ TEST(MovableMemory, ManyBlocksAtOnceAndManyFreedInARow) {
         EXPECT_TRUE(i == 0 || (bytes[0] == uint8_t(i) && bytes[i * 7 - 1] == uint8_t(i))) << i;
         EXPECT_EQ(GlobalFree(blocks[i]), nullptr);
     }
-    EXPECT_TRUE(guard.Same());
     // More and larger blocks than the cache of freed mappings keeps come back usable and zeroed.
     blocks.clear();
     for (int i = 0; i < 40; i++) blocks.push_back(GlobalAlloc(GHND, uintptr_t(3) << 20));
@@ -119,13 +111,12 @@ TEST(MovableMemory, LocksFreesAndHandles) {
     ASSERT_NE(first, nullptr);
     EXPECT_EQ(GlobalLock(block), first);  // a second lock, same address
     EXPECT_NE(GlobalUnlock(block), 0);    // still locked once
-    EXPECT_EQ(GlobalUnlock(block), 0);    // count reaches 0
-    EXPECT_EQ(GlobalUnlock(block), 0);    // not locked at all
-    EXPECT_EQ(GlobalLock(block), first);  // usable again
+    EXPECT_EQ(GlobalUnlock(block), 0);
+    EXPECT_EQ(GlobalUnlock(block), 0);  // not locked at all
+    EXPECT_EQ(GlobalLock(block), first);
     EXPECT_EQ(GlobalFree(block), nullptr);  // a locked block is freed too
     EXPECT_EQ(platform::LiveBlocks(), guard.blocks);
-    // The freed slot is reused; the old handle, a foreign value or a data
-    // address must not reach the new block: the handle comes back.
+    // The slot is reused; the old handle, a foreign value or a data address must not reach the new block.
     TL_HANDLE next = GlobalAlloc(GHND, 64);
     EXPECT_NE(next, block);
     for (TL_HANDLE bad : {TL_HANDLE(nullptr), block, TL_HANDLE(uintptr_t(0x1235)), TL_HANDLE(first)}) {
@@ -135,12 +126,11 @@ TEST(MovableMemory, LocksFreesAndHandles) {
         EXPECT_EQ(GlobalFree(bad), bad);
     }
     EXPECT_EQ(GlobalFree(next), nullptr);
-    // Oversized requests fail and leave nothing.
     SetLastError(0);
-    EXPECT_EQ(GlobalAlloc(GHND, (uintptr_t(1) << 30) + 1), nullptr);
+    EXPECT_EQ(GlobalAlloc(GHND, (uintptr_t(1) << 30) + 1), nullptr);  // oversized
     EXPECT_EQ(GetLastError(), DWORD(ENOMEM));
     EXPECT_EQ(LocalAlloc(LMEM_MOVEABLE, ~uintptr_t(0)), nullptr);
-    // Local and Global blocks are one kind and are counted together.
+    // Local and Global blocks are one kind, counted together.
     HLOCAL local = LocalAlloc(LMEM_MOVEABLE | LMEM_ZEROINIT, 10);
     TL_HANDLE global = GlobalAlloc(GMEM_MOVEABLE, 10);
     EXPECT_EQ(platform::LiveBlocks(), guard.blocks + 2);
@@ -148,7 +138,7 @@ TEST(MovableMemory, LocksFreesAndHandles) {
     EXPECT_EQ(LocalUnlock(local), 0);
     EXPECT_EQ(LocalFree(global), nullptr);
     EXPECT_EQ(GlobalFree(local), nullptr);
-    // A fixed block's handle is its address, always usable; it has no lock count.
+    // A fixed block's handle is its address, always usable, without a lock count.
     void *fixed = GlobalAlloc(GMEM_FIXED | GMEM_ZEROINIT, 24);
     std::memset(fixed, 0, 24);
     EXPECT_EQ(GlobalLock(fixed), fixed);
@@ -167,17 +157,14 @@ void *LockedAfterLargerFreed() {
 TEST(MovableMemoryDeathTest, OverrunsAndUseAfterUnlockFault) {
     const std::string style = GTEST_FLAG_GET(death_test_style);
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    // A size that is a multiple of 16 ends at the guard page: one byte more
-    // faults in every build, also in the reused mapping of a larger block.
+    // A multiple of 16 ends at the guard page, also in the reused mapping of a larger block.
     for (uintptr_t size : {16u, 4096u, 8192u + 48u})
         EXPECT_DEATH(WriteAt(GlobalLock(GlobalAlloc(GHND, size)), size), "") << size;
     EXPECT_DEATH(WriteAt(LockedAfterLargerFreed(), 600000), "");
 #if TL_TEST_ASAN
-    // The room below a reused mapping, the slack before the guard page, a
-    // block no longer locked (after one unlock of two it still is), and a freed block.
-    using Body = void (*)();
+    // Below a reused mapping, the slack before the guard page, unlocked (one unlock of two: still locked), freed.
     static TL_HANDLE block;
-    const struct { Body body; const char *regex; } cases[] = {
+    const struct { void (*body)(); const char *regex; } cases[] = {
         {[] { WriteAt(static_cast<uint8_t *>(LockedAfterLargerFreed()) - 1, 0); }, "use-after-poison"},
         {[] { WriteAt(GlobalLock(GlobalAlloc(GHND, 13)), 13); }, "use-after-poison"},
         {[] { void *p = GlobalLock(block = GlobalAlloc(GHND, 100)); GlobalUnlock(block), ReadAt(p, 0); }, "use-after-poison"},
@@ -196,8 +183,7 @@ HANDLE Open(const std::string &path, DWORD access = GENERIC_READ, DWORD disposit
     return CreateFileA(path.c_str(), access, FILE_SHARE_READ, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
-// Bytes from, from + 1, ... up to `end`.
-std::vector<uint8_t> Counting(size_t end, size_t from = 0) {
+std::vector<uint8_t> Counting(size_t end, size_t from = 0) {  // from, from + 1, ... end - 1
     std::vector<uint8_t> bytes;
     for (size_t i = from; i < end; i++) bytes.push_back(uint8_t(i));
     return bytes;
@@ -212,17 +198,11 @@ TEST(Files, OpenModesAndFailures) {
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     const DWORD R = GENERIC_READ, W = GENERIC_WRITE;
     const struct { std::string name; DWORD access, disposition, error; int64_t size; } cases[] = {
-        {existing, R, OPEN_EXISTING, 0, 10},
-        {existing, R | W, OPEN_EXISTING, 0, 10},
-        {dir + "/missing.bin", R, OPEN_EXISTING, ENOENT, -1},
-        {existing, W, OPEN_ALWAYS, 0, 10},
-        {created, W, OPEN_ALWAYS, 0, 0},
-        {existing, R | W, CREATE_ALWAYS, 0, 0},  // truncates
-        {dir, R, OPEN_EXISTING, EISDIR, -1},
-        {"/dev/null", R, OPEN_EXISTING, ENODEV, -1},
+        {existing, R, OPEN_EXISTING, 0, 10},       {dir + "/missing.bin", R, OPEN_EXISTING, ENOENT, -1},
+        {existing, W, OPEN_ALWAYS, 0, 10},         {created, W, OPEN_ALWAYS, 0, 0},
+        {existing, R | W, CREATE_ALWAYS, 0, 0},    {dir, R, OPEN_EXISTING, EISDIR, -1},
         {fifo, R, OPEN_EXISTING, ENODEV, -1},  // must not wait for a writer
-        {existing, 0, OPEN_EXISTING, EINVAL, -1},
-        {existing, R, 9, EINVAL, -1},
+        {existing, 0, OPEN_EXISTING, EINVAL, -1},  {existing, R, 9, EINVAL, -1},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name + " " + std::to_string(c.access) + " " + std::to_string(c.disposition));
@@ -240,10 +220,10 @@ TEST(Files, OpenModesAndFailures) {
         EXPECT_EQ(int64_t(GetFileSize(file, nullptr)), c.size);
         EXPECT_EQ(fcntl(int(Value(file)), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
         EXPECT_EQ(CloseHandle(file), 1);
-        EXPECT_EQ(CloseHandle(file), 0);  // closed twice
+        EXPECT_EQ(CloseHandle(file), 0);
     }
     EXPECT_EQ(CreateFileA(nullptr, R, 1, nullptr, OPEN_EXISTING, 0x80, nullptr), INVALID_HANDLE_VALUE);
-    HANDLE writer = Open(created, W, CREATE_ALWAYS);  // a file opened for writing only cannot be read
+    HANDLE writer = Open(created, W, CREATE_ALWAYS);  // opened for writing only: cannot be read
     uint8_t byte;
     DWORD got = 7;
     EXPECT_EQ(ReadFile(writer, &byte, 1, &got, nullptr), 0);
@@ -265,8 +245,7 @@ TEST(Files, ReadSeekSizeAndHandles) {
         {50, FILE_BEGIN, 50, 50},     {10, FILE_CURRENT, 60, 60},   {-5, FILE_END, 95, 95},
         {-101, FILE_END, Fail, 95},   {-1, FILE_BEGIN, Fail, 95},   {-96, FILE_CURRENT, Fail, 95},
         {-95, FILE_CURRENT, 0, 0},    {500, FILE_BEGIN, 500, 500},  // past the end is allowed
-        {0x7FFFFFFF, FILE_BEGIN, 0x7FFFFFFF, 0x7FFFFFFF},
-        {0x7FFFFFFF, FILE_CURRENT, 0xFFFFFFFE, 0xFFFFFFFE},
+        {0x7FFFFFFF, FILE_BEGIN, 0x7FFFFFFF, 0x7FFFFFFF}, {0x7FFFFFFF, FILE_CURRENT, 0xFFFFFFFE, 0xFFFFFFFE},
         {1, FILE_CURRENT, Fail, 0xFFFFFFFE},  // 0xFFFFFFFF would read as the failure value
         {0, 3, Fail, 0xFFFFFFFE},             // no such method
     };
@@ -275,8 +254,7 @@ TEST(Files, ReadSeekSizeAndHandles) {
         EXPECT_EQ(SetFilePointer(file, s.offset, nullptr, s.method), s.expect);
         EXPECT_EQ(SetFilePointer(file, 0, nullptr, FILE_CURRENT), s.positionAfter);
     }
-    // The two-part form: the position must still fit 32 bits.
-    LONG offsetHigh = 0;
+    LONG offsetHigh = 0;  // the two-part form: the position must still fit 32 bits
     EXPECT_EQ(SetFilePointer(file, 10, &offsetHigh, FILE_BEGIN), 10u);
     offsetHigh = 1;
     EXPECT_EQ(SetFilePointer(file, 0, &offsetHigh, FILE_BEGIN), Fail);
@@ -298,11 +276,11 @@ TEST(Files, ReadSeekSizeAndHandles) {
     uint8_t x[4];
     DWORD got;
     ASSERT_EQ(ReadFile(second, x, 4, &got, nullptr), 1);
-    EXPECT_EQ(x[0], 0);  // the first stands at the end
+    EXPECT_EQ(x[0], 0);
     EXPECT_EQ(CloseHandle(file), 1);
     ASSERT_EQ(ReadFile(second, x, 4, &got, nullptr), 1);
     EXPECT_EQ(x[0], 4);
-    // Handles CreateFileA did not give (or already took back) are refused.
+    // Handles CreateFileA did not give (or already took back) are refused; stdin stays open.
     const int stdinState = fcntl(STDIN_FILENO, F_GETFD);
     for (HANDLE h : {INVALID_HANDLE_VALUE, file, HANDLE(intptr_t(STDIN_FILENO)), HANDLE(intptr_t(1) << 40)}) {
         SetLastError(0);
@@ -312,30 +290,28 @@ TEST(Files, ReadSeekSizeAndHandles) {
         EXPECT_EQ(GetFileSize(h, nullptr), 0xFFFFFFFFu);
         EXPECT_EQ(CloseHandle(h), 0);
     }
-    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), stdinState);  // not closed by the refused CloseHandle
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), stdinState);
     EXPECT_EQ(CloseHandle(second), 1);
     EXPECT_TRUE(guard.Same());
 }
 
 TEST(ErrorText, SystemTextLastErrorAndMessageBox) {
     test::LeakGuard guard;
-    for (int code : {ENOENT, EACCES, EISDIR}) {
-        char *text = nullptr;
-        DWORD length = FormatMessageA(0x1100, nullptr, DWORD(code), 0x400, reinterpret_cast<char *>(&text), 0, nullptr);
-        ASSERT_NE(text, nullptr) << code;
-        EXPECT_EQ(std::string(text), std::string(strerror(code)));
-        EXPECT_EQ(length, std::strlen(text));
-        EXPECT_EQ(platform::LiveBlocks(), guard.blocks + 1);
-        EXPECT_EQ(LocalFree(text), nullptr);  // freed by its address, as callers do
-    }
+    char *text = nullptr;
+    DWORD length = FormatMessageA(0x1100, nullptr, EACCES, 0x400, reinterpret_cast<char *>(&text), 0, nullptr);
+    ASSERT_NE(text, nullptr);
+    EXPECT_EQ(std::string(text), std::string(strerror(EACCES)));
+    EXPECT_EQ(length, std::strlen(text));
+    EXPECT_EQ(platform::LiveBlocks(), guard.blocks + 1);
+    EXPECT_EQ(LocalFree(text), nullptr);  // freed by its address, as callers do
     for (DWORD code : {0u, 9999u, 0x80000000u}) {  // no text: 0, codes the system does not know
-        char *text = reinterpret_cast<char *>(1);
+        text = reinterpret_cast<char *>(1);
         EXPECT_EQ(FormatMessageA(0x1100, nullptr, code, 0x400, reinterpret_cast<char *>(&text), 0, nullptr), 0u);
         EXPECT_EQ(text, reinterpret_cast<char *>(1));
     }
     char small[8], large[256];  // into a caller's buffer: only when it fits
     EXPECT_EQ(FormatMessageA(0x1000, nullptr, ENOENT, 0x400, small, sizeof small, nullptr), 0u);
-    DWORD length = FormatMessageA(0x1000, nullptr, ENOENT, 0x400, large, sizeof large, nullptr);
+    length = FormatMessageA(0x1000, nullptr, ENOENT, 0x400, large, sizeof large, nullptr);
     EXPECT_EQ(std::string(large, length), std::string(strerror(ENOENT)));
     EXPECT_TRUE(guard.Same());
 
@@ -345,16 +321,9 @@ TEST(ErrorText, SystemTextLastErrorAndMessageBox) {
     EXPECT_EQ(seenElsewhere, 0u);
     EXPECT_EQ(GetLastError(), 42u);
 
-    const struct { const char *title, *text, *line; } boxes[] = {
-        {"TOPEN", "a.tif\nNo such file or directory", "TOPEN: a.tif\nNo such file or directory\n"},
-        {"T", "", "T: \n"},
-        {"T", "100% %s", "T: 100% %s\n"},  // the text is not a format
-    };
-    for (const auto &c : boxes) {
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(MessageBoxA(nullptr, c.text, c.title, MB_TASKMODAL | MB_SETFOREGROUND), 1);
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), c.line);
-    }
+    testing::internal::CaptureStderr();  // the box's text is not a format
+    EXPECT_EQ(MessageBoxA(nullptr, "100% %s\nline", "T", MB_TASKMODAL | MB_SETFOREGROUND), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "T: 100% %s\nline\n");
 }
 
 // The first message PeekMessageA finds, as "message wParam lParam window", or "none".
@@ -380,13 +349,12 @@ TEST(MessageQueue, OrderRangesWindowsAndInputState) {
     EXPECT_EQ(Peek(nullptr, WM_KEYDOWN, WM_KEYDOWN, PM_NOREMOVE), escape);  // not removed: the same again
     EXPECT_EQ(Peek(nullptr, WM_KEYDOWN, WM_KEYDOWN), escape);
     EXPECT_EQ(Peek(nullptr, WM_KEYFIRST, WM_KEYLAST), std::to_string(WM_CHAR) + " 97 0 0");  // posting order
-    EXPECT_EQ(Peek(window), "none");  // nothing left of that window
+    EXPECT_EQ(Peek(window), "none");
     EXPECT_EQ(Peek(nullptr, WM_QUIT, WM_ENDSESSION), std::to_string(WM_QUIT) + " 4 0 0");
     EXPECT_EQ(Peek(nullptr, WM_QUIT, WM_ENDSESSION), "none");
     EXPECT_EQ(Peek(), std::to_string(WM_KEYDOWN) + " 66 0 0");
     EXPECT_EQ(GetInputState(), 0);
-    // Mouse messages are input too; the queue is the thread's own.
-    PostMessageA(nullptr, WM_MOUSELAST, 0, 0);
+    PostMessageA(nullptr, WM_MOUSELAST, 0, 0);  // mouse messages are input too; the queue is the thread's own
     EXPECT_NE(GetInputState(), 0);
     BOOL otherThreadSees = 1;
     std::thread([&] { otherThreadSees = GetInputState(); }).join();
@@ -403,14 +371,13 @@ std::string Format(const char *format, Args... args) {
 }
 
 TEST(Text, WsprintfConversionsAndTheCutAt1024) {
-    EXPECT_EQ(Format("%ld|%lu", int32_t(-123456), uint32_t(0xFFFFFFFF)), "-123456|4294967295");
-    EXPECT_EQ(Format("%d|%i|%u", int32_t(-1), int32_t(7), uint32_t(3000000000u)), "-1|7|3000000000");
+    EXPECT_EQ(Format("%ld|%lu|%d|%i|%u|%hd %hu", int32_t(-123456), uint32_t(0xFFFFFFFF), int32_t(-1), int32_t(7),
+                     uint32_t(3000000000u), 5, 6u),
+              "-123456|4294967295|-1|7|3000000000|5 6");
     EXPECT_EQ(Format("%x %X %#x %08lX", 255u, 255u, 255u, uint32_t(0xABCD)), "ff FF 0xff 0000ABCD");
     EXPECT_EQ(Format("[%5d][%-5d][%05d][%+d][% d]", 42, 42, -42, 42, 42), "[   42][42   ][-0042][+42][ 42]");
     EXPECT_EQ(Format("[%s][%8s][%-8s][%.3s]", "ab", "ab", "ab", "abcdef"), "[ab][      ab][ab      ][abc]");
     EXPECT_EQ(Format("%c%c|%%|%s", 'o', 'k', static_cast<const char *>(nullptr)), "ok|%|(null)");
-    EXPECT_EQ(Format("%hd %hu", 5, 6u), "5 6");
-    EXPECT_EQ(Format("no conversions"), "no conversions");
     EXPECT_EQ(Format("ends in %"), "ends in ");
     // Cut at 1024: a string, inside a literal, and inside a padded field.
     const std::string longText(2000, 'a'), format = std::string(1020, 'x') + "%d";
@@ -432,22 +399,20 @@ TEST(Paths, FullpathAndAccess) {
     ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
     const std::string here = cwd;
     const struct { const char *name; std::string expected; } cases[] = {
-        {"/a/./b//c/", "/a/b/c"}, {"/a/b/../../c", "/c"}, {"/../..", "/"},          {"/", "/"},
+        {"/a/./b//c/", "/a/b/c"}, {"/a/b/../../c", "/c"}, {"/../..", "/"},
         {"x.tif", here + "/x.tif"}, {"./x/../y.tif", here + "/y.tif"}, {".", here},
     };
     for (const auto &c : cases) {
         ASSERT_EQ(_fullpath(buffer, c.name, sizeof buffer), buffer) << c.name;
         EXPECT_EQ(std::string(buffer), c.expected) << c.name;
     }
-    // Size counts the NUL; NULL buffer or name give NULL.
-    EXPECT_EQ(_fullpath(buffer, "/abc", 5), buffer);
+    EXPECT_EQ(_fullpath(buffer, "/abc", 5), buffer);  // the size counts the NUL
     EXPECT_EQ(_fullpath(buffer, "/abcd", 5), nullptr);
     EXPECT_EQ(_fullpath(buffer, std::string(300, 'a').c_str(), sizeof buffer), nullptr);
     EXPECT_EQ(_fullpath(nullptr, "/a", 260), nullptr);
     EXPECT_EQ(_fullpath(buffer, nullptr, 260), nullptr);
     const std::string existing = test::WriteTemp("exists.bin", {1});
     EXPECT_EQ(_access(existing.c_str(), 0), 0);
-    EXPECT_EQ(_access(test::TempDir().c_str(), 0), 0);
     EXPECT_EQ(_access((existing + ".not").c_str(), 0), -1);
     EXPECT_EQ(_access(nullptr, 0), -1);
 }
