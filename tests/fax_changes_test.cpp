@@ -1,8 +1,5 @@
-// fax_changes_test.cpp - the row drivers, which decode through lists of
-// changing elements, against a plain model of them that decodes every row
-// into the bitmap against the reference line (FaxDecodeRow1D and
-// FaxDecodeRow2D on the static state).  On damaged streams too: the same
-// pixels, results, reports and stream position, row by row.
+// fax_changes_test.cpp - the row drivers (lists of changing elements) against the bitmap decoders,
+// on whole and damaged streams: the same pixels, results, reports and stream position, row by row.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -108,38 +105,6 @@ std::vector<Row> RandomPage(std::mt19937 &rng, uint32_t width, uint32_t height) 
     return rows;
 }
 
-// The page coded as `c` asks; k rows a one-dimensional row under
-// two-dimensional compression 3.
-std::vector<uint8_t> Encode(const Case &c, const std::vector<Row> &rows, uint32_t k) {
-    BitWriter w;
-    Row ref(c.width, false);
-    for (size_t y = 0; y < rows.size(); ++y) {
-        if (c.compression == 2) {
-            faxtest::Encode1D(w, rows[y]);
-            w.Align();
-        } else if (c.compression == 3) {
-            w.Eol();
-            bool twoD = (c.group3Options & 1u) && y % k != 0;
-            if (c.group3Options & 1u) w.Bit(twoD ? 0 : 1);
-            if (twoD)
-                faxtest::Encode2D(w, rows[y], ref);
-            else
-                faxtest::Encode1D(w, rows[y]);
-        } else {
-            faxtest::Encode2D(w, rows[y], ref);
-        }
-        ref = rows[y];
-    }
-    if (c.fillOrder == 2)
-        for (auto &b : w.bytes) {
-            uint8_t r = 0;
-            for (int i = 0; i < 8; ++i)
-                if (b & (1 << i)) r |= uint8_t(0x80 >> i);
-            b = r;
-        }
-    return w.bytes;
-}
-
 // Damage of one of several kinds: flipped bits, a run of random bytes, a
 // cut, a stretch of zeros, a code word dropped in.
 void Damage(std::mt19937 &rng, std::vector<uint8_t> &bytes) {
@@ -184,13 +149,14 @@ TEST(FaxChanges, DriversDecodeAsTheBitmapModelOnWholeAndDamagedStreams) {
         uint32_t options;
     } codings[] = {{4, 0}, {3, 1}, {3, 0}, {2, 0}};
     int compared = 0, damagedRowsDiffer = 0;
-    for (int trial = 0; trial < 240; ++trial) {
+    for (int trial = 0; trial < 120; ++trial) {
         SCOPED_TRACE(trial);
         const auto &coding = codings[trial % 4];
         Case c{coding.compression, coding.options, uint16_t(trial % 8 < 6 ? 1 : 2), widths[rng() % 11], {}};
         const uint32_t height = 3 + rng() % 14;
         const std::vector<Row> rows = RandomPage(rng, c.width, height);
-        const std::vector<uint8_t> whole = Encode(c, rows, 1 + rng() % 4);
+        const std::vector<uint8_t> coded = faxtest::EncodePage(c.compression, c.group3Options, rows, 1 + rng() % 4);
+        const std::vector<uint8_t> whole = c.fillOrder == 2 ? faxtest::Reversed(coded) : coded;
         for (int damaged = 0; damaged < 4; ++damaged) {
             c.bytes = whole;
             if (damaged) Damage(rng, c.bytes);
@@ -207,44 +173,8 @@ TEST(FaxChanges, DriversDecodeAsTheBitmapModelOnWholeAndDamagedStreams) {
                 damagedRowsDiffer += actual.back().reports.size() > 0;
         }
     }
-    EXPECT_GT(compared, 3000);
-    EXPECT_GT(damagedRowsDiffer, 50);  // the damage reaches the decoders' faults
-}
-
-// Streams that encoders don't write: vertical codes that put a1 before a0
-// or before the row, uncompressed mode in the middle of a row, pass codes
-// to the row's end; then the row after each, which is decoded against it.
-TEST(FaxChanges, RowsThatGoBackAreDecodedAsTheBitmapModel) {
-    const char *const rows[] = {
-        "0000010 1 1 1",                       // VL3 at the row's start: a1 before pixel 0
-        "1 0000010 1 1 1",                     // V0, then VL3 back before a0
-        "001 0111 11 0000010 1 1",             // horizontal 2 white 2 black, VL3 behind a0
-        "0001 0001 0001 1 1",                  // passes
-        "1 0000001111 1 01 00000001 1 1 1",    // uncompressed mode: a black pixel, exit
-        "001 00110101 11 1 010 1 0000011 1",   // zero-length white run, vertical codes
-    };
-    for (uint16_t compression : {uint16_t(4), uint16_t(3)}) {
-        for (const char *bad : rows) {
-            SCOPED_TRACE(bad);
-            for (uint32_t width : {6u, 20u, 70u}) {
-                BitWriter w;
-                Row ref(width, false);
-                for (uint32_t x = 1; x < width; x += 4) ref[x] = ref[x + 1 < width ? x + 1 : x] = true;
-                // Row 0 is ref; row 1 the bad row; row 2 the same as row 0.
-                for (int y = 0; y < 3; ++y) {
-                    if (compression == 3) w.Eol().Bit(y == 0 ? 1 : 0);
-                    if (y == 0)
-                        compression == 3 ? faxtest::Encode1D(w, ref) : faxtest::Encode2D(w, ref, Row(width, false));
-                    else if (y == 1)
-                        w.Bits(bad);
-                    else
-                        w.Bits("1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1");
-                }
-                Case c{compression, compression == 3 ? 1u : 0u, 1, width, w.bytes};
-                EXPECT_EQ(ByDrivers(c, 4), ByBitmap(c, 4)) << "width " << width;
-            }
-        }
-    }
+    EXPECT_GT(compared, 750);
+    EXPECT_GT(damagedRowsDiffer, 12);  // the damage reaches the decoders' faults
 }
 
 }  // namespace

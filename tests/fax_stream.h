@@ -1,7 +1,5 @@
-// fax_stream.h - what the fax tests share: a writer of CCITT bit streams
-// (run codes, mode codes, EOLs, raw bits), a plain per-pixel encoder of
-// two-dimensional rows to compare the decoder with, and a harness that
-// decodes a stream through the strip engine's entry points.
+// fax_stream.h - what the fax tests share: a CCITT bit writer, plain per-pixel
+// encoders, and a harness that decodes a strip through the decoder's entry points.
 #pragma once
 
 #include <cstdint>
@@ -37,8 +35,7 @@ struct BitWriter {
         for (int i = 0; i < n; ++i) Bit(0);
         return *this;
     }
-    // A run of `black` colour: make-up codes of 2560 while more is left,
-    // then one make-up code and the terminating code.
+    // Make-up codes of 2560 while more is left, then one make-up and the terminating code.
     BitWriter &Run(bool black, uint32_t n) {
         while (n > 2623) {
             Bits(faxcodes::ExtendedMakeUp[12]);
@@ -80,12 +77,10 @@ inline void Encode1D(BitWriter &w, const Row &row) {
     } while (pos < width);
 }
 
-// Two-dimensional coding of a row against ref, pixel by pixel as T.4 tells
-// it: the changing elements are looked for one pixel at a time.
+// Two-dimensional coding of a row against ref, the changing elements found one pixel at a time.
 inline void Encode2D(BitWriter &w, const Row &row, const Row &ref) {
     int32_t width = int32_t(row.size());
     auto nextChange = [&](const Row &line, int32_t from, bool colour) {
-        // first i > from with pixel colour and the pixel before it not
         for (int32_t i = from + 1; i < width; ++i)
             if (Pixel(line, i) == colour && Pixel(line, i - 1) != colour) return i;
         return width;
@@ -122,6 +117,24 @@ inline void Encode2D(BitWriter &w, const Row &row, const Row &ref) {
     }
 }
 
+// A page as compression 2, 3 or 4 codes it (options bit 0: a tag bit before each row, every
+// k-th row one-dimensional), with fill bits of several lengths before the EOLs.
+inline std::vector<uint8_t> EncodePage(uint16_t compression, uint32_t options, const std::vector<Row> &rows,
+                                       size_t k = size_t(-1)) {
+    BitWriter w;
+    Row ref(rows.empty() ? 0 : rows[0].size(), false);
+    for (size_t y = 0; y < rows.size(); ++y) {
+        const bool twoD = compression == 4 || ((options & 1u) && y % k != 0);
+        if (compression == 3) w.Zeros(int(y % 3) * 3).Eol();
+        if (options & 1u) w.Bit(twoD ? 0 : 1);
+        if (twoD) Encode2D(w, rows[y], ref);
+        else Encode1D(w, rows[y]);
+        if (compression == 2) w.Align();
+        ref = rows[y];
+    }
+    return w.bytes;
+}
+
 // Packs a row as the decoder writes it: leftmost pixel in the top bit.
 inline std::vector<uint8_t> Pack(const Row &row) {
     std::vector<uint8_t> out((row.size() + 7) / 8, 0);
@@ -130,8 +143,18 @@ inline std::vector<uint8_t> Pack(const Row &row) {
     return out;
 }
 
-// Sets up TiffImage for one strip of `data`, as the directory and the strip
-// engine would, and runs the decoder's per-image and per-strip starts.
+// Each byte's bits in the other order, as FillOrder 2 stores them.
+inline std::vector<uint8_t> Reversed(std::vector<uint8_t> bytes) {
+    for (auto &b : bytes) {
+        uint8_t r = 0;
+        for (int i = 0; i < 8; ++i)
+            if (b & (1 << i)) r |= uint8_t(0x80 >> i);
+        b = r;
+    }
+    return bytes;
+}
+
+// TiffImage set up for one strip of `data` as the directory and strip engine would.
 struct Strip {
     std::vector<uint8_t> data;
     int32_t prepared = 0;
