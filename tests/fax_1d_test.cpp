@@ -1,4 +1,4 @@
-// fax_1d_test.cpp - run codes, the EOL search, the decoder's record, rows of compressions 2 and 3.
+// fax_1d_test.cpp - run codes, the EOL search, spans, the decoder's record.
 #include <gtest/gtest.h>
 
 #include "fax_stream.h"
@@ -157,41 +157,13 @@ TEST(FaxState, RecordReferenceLineGuardAndRelease) {
     }
 }
 
-// Compression 2: each row starts on a byte boundary; each fault costs its row only.
-TEST(FaxRows1D, CompressionTwoRowsEndingsAndFaults) {
-    test::Recorder recorder;
-    BitWriter w;
-    w.Run(false, 3).Run(true, 2).Run(false, 5).Bits("0111").Align();  // row 0 and a stray white 2
-    w.Run(false, 0).Run(true, 4).Run(false, 6).Align();                 // row 1: starts black
-    w.Run(false, 2).Run(true, 0).Run(false, 3).Run(true, 50).Align();   // row 2: black 0, a run past width
-    w.Run(false, 2).Run(true, 2).Run(false, 2).Run(true, 2).Eol();       // row 3: EOL inside, ends on a byte
-    w.Run(false, 2).Bits("000000000000").Align();                        // row 4: a bad code
-    w.Run(false, 1).Run(true, 1);                                        // row 5: data end mid-row
-    Strip strip(2, 10, w.bytes);
-    const std::vector<Bytes> expect = {{0x18, 0x00}, {0xF0, 0x00}, {0x07, 0xC0}, {0x33, 0x00},
-                                       {0x00, 0x00}, {0x40, 0x00}, {0x00, 0x00}};
-    for (size_t r = 0; r < expect.size(); ++r) {
-        int32_t result = 0;
-        EXPECT_EQ(strip.Next(&result), expect[r]) << r;
-        EXPECT_EQ(result, 1) << r;
-    }
-    EXPECT_FALSE(strip.overrun);
-    ASSERT_EQ(recorder.reports.size(), 1u);
-    EXPECT_EQ(recorder.reports[0].title, "TIFF Read");
-    EXPECT_EQ(recorder.reports[0].text, "Unexpected code in line 4");
-    EXPECT_EQ(recorder.reports[0].withSystemText, 0);
-}
-
+// Compression 2 with group3Options 1: a tag bit 0 at the next byte makes the next row 2D (V0 V0 V0);
+// a new strip starts with a white reference line and a one-dimensional row.
 TEST(FaxRows1D, TagBitAfterCompressionTwoRowsAndStripRestart) {
-    // Compression 2 with group3Options 1: a tag bit 0 where the next row starts makes it 2D.
-    BitWriter w;
-    w.Run(false, 2).Run(true, 3).Run(false, 3).Align();
-    w.Bit(0);
-    w.Bits("111").Align();  // V0 V0 V0: the row above again
-    Strip strip(2, 8, w.bytes, 1);
+    Strip strip(2, 8, BitWriter().Run(false, 2).Run(true, 3).Run(false, 3).Align().Bits("0111").bytes, 1);
     EXPECT_EQ(strip.Next(), Bytes{0x38});
     EXPECT_EQ(strip.Next(), Bytes{0x38});
-    strip.Restart();  // a new strip: a white reference line and a one-dimensional row
+    strip.Restart();
     EXPECT_EQ(faxState->nextIs2D, 0u);
     EXPECT_EQ(strip.Next(), Bytes{0x38});
 }

@@ -1,4 +1,4 @@
-// fax_2d_test.cpp - reference-line searches, hand-made 2D rows, uncompressed mode, cut streams.
+// fax_2d_test.cpp - reference-line searches, hand-made rows, uncompressed mode, cut strips.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -54,13 +54,14 @@ TEST(FaxFind, AgreesWithAPixelCountFromEveryStartAndAlignment) {
     }
 }
 
-// Tokens: W<n>/B<n> a white/black run, E an EOL, anything else bits.
+// Tokens: W<n>/B<n> a white/black run, E an EOL, A fill to a byte, anything else bits.
 BitWriter Codes(const std::string &tokens) {
     BitWriter w;
     std::istringstream in(tokens);
     for (std::string t; in >> t;) {
         if (t[0] == 'W' || t[0] == 'B') w.Run(t[0] == 'B', uint32_t(std::stoi(t.substr(1))));
         else if (t == "E") w.Eol();
+        else if (t == "A") w.Align();
         else w.Bits(t);
     }
     return w;
@@ -100,6 +101,11 @@ TEST(FaxRows2D, HandMadeStreams) {
         {"uncompressed behind a0", 4, "", "001 W2 B1 " + u + "1 0000001 0 1" + pad, {"0011000000"}},
         {"uncompressed: eleven zero bits", 4, "", u + "1 00000000000" + pad, {"10000000"}, {"Unexpected code in line 0"}, 0},
         {"uncompressed: out of data, the row so far stays", 4, "", u + "1 01 0", {"1010000000000000"}, {"Unexpected code in line 0"}},
+        // Compression 2: rows start on a byte; a stray white 2, black 0, a run past width, an EOL inside a
+        // row, a bad code and the data end each cost their row only.
+        {"compression 2", 2, "", "W3 B2 W5 0111 A W0 B4 W6 A W2 B0 W3 B50 A W2 B2 W2 B2 E W2 000000000000 A W1 B1",
+         {"0001100000", "1111000000", "0000011111", "0011001100", "0000000000", "0100000000", "0000000000"},
+         {"Unexpected code in line 4"}},
         // Compression 3: seven zero bits in a mode code begin an EOL; the next row follows its tag.
         {"EOL inside a 2D row", 3, "", "E 1 W2 B3 W11 E 0 1 1 E 0 1 1 1 E 1",
          {"0011100000000000", "0011100000000000", "0011100000000000"}},
@@ -129,7 +135,11 @@ TEST(FaxRows2D, HandMadeStreams) {
             EXPECT_EQ(result, y + 1 == rows.size() ? c.result : 1) << "row " << y;
         }
         std::vector<std::string> texts;
-        for (const auto &r : recorder.reports) texts.push_back(r.text);
+        for (const auto &r : recorder.reports) {
+            texts.push_back(r.text);
+            EXPECT_EQ(r.title, "TIFF Read");
+            EXPECT_EQ(r.withSystemText, 0);
+        }
         EXPECT_EQ(texts, c.reports);
         EXPECT_FALSE(strip.overrun);
     }
