@@ -111,8 +111,8 @@ TEST(FaxRows2D, HandMadeStreams) {
          {"0011100000000000", "0011100000000000", "0011100000000000"}},
         {"seven zeros under compression 4: no code", 4, "", "001 W2 B3 0000000 1111", {"0011100000000000"},
          {"Unexpected code in line 0"}, 0},
-        {"the data end one bit into a vertical pair", 4, "", "11111 101", {"00000000", "00000000", "00000000", "00000000", "00000000", "00000000", "00000000", "00000000"},
-         {"Unexpected code in line 6", "Unexpected code in line 7"}},
+        {"the data end one bit into a vertical pair", 4, "", "001 W2 B2 1 1 1 1 1 01", {"00110000", "00110000", "00000000", "00000000"},
+         {"Unexpected code in line 2", "Unexpected code in line 3"}},
         {"G4 data end: each later row reported", 4, "", "001 W2 B3 1 1 1 1", {"0011100000", "0011100000", "0000000000", "0000000000", "0000000000"},
          {"Unexpected code in line 2", "Unexpected code in line 3", "Unexpected code in line 4"}},
     };
