@@ -1,9 +1,8 @@
-// fax_stream.h - what the fax tests share: a writer of CCITT bit streams
-// (run codes, mode codes, EOLs, raw bits), a plain per-pixel encoder of
-// two-dimensional rows to compare the decoder with, and a harness that
-// decodes a stream through the strip engine's entry points.
+// fax_stream.h - what the fax tests share: a CCITT bit writer, plain per-pixel
+// encoders, and a harness that decodes a strip through the decoder's entry points.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -33,25 +32,13 @@ struct BitWriter {
             if (c == '0' || c == '1') Bit(c == '1');
         return *this;
     }
-    BitWriter &Zeros(int n) {
-        for (int i = 0; i < n; ++i) Bit(0);
-        return *this;
-    }
-    // A run of `black` colour: make-up codes of 2560 while more is left,
-    // then one make-up code and the terminating code.
+    BitWriter &Zeros(int n) { return Bits(std::string(size_t(n), '0')); }
+    // Make-up codes of 2560 while more is left, then one make-up and the terminating code.
     BitWriter &Run(bool black, uint32_t n) {
-        while (n > 2623) {
-            Bits(faxcodes::ExtendedMakeUp[12]);
-            n -= 2560;
-        }
-        if (n >= 64) {
-            uint32_t m = n / 64;
-            if (m <= 27)
-                Bits(black ? faxcodes::BlackMakeUp[m - 1] : faxcodes::WhiteMakeUp[m - 1]);
-            else
-                Bits(faxcodes::ExtendedMakeUp[m - 28]);
-            n -= m * 64;
-        }
+        for (; n > 2623; n -= 2560) Bits(faxcodes::ExtendedMakeUp[12]);
+        if (const uint32_t m = n / 64; m > 0)
+            Bits(m > 27 ? faxcodes::ExtendedMakeUp[m - 28] : (black ? faxcodes::BlackMakeUp : faxcodes::WhiteMakeUp)[m - 1]);
+        n %= 64;
         return Bits(black ? faxcodes::BlackTerminating[n] : faxcodes::WhiteTerminating[n]);
     }
     BitWriter &Eol() { return Bits(faxcodes::Eol); }
@@ -68,40 +55,27 @@ inline bool Pixel(const Row &row, int32_t i) { return i >= 0 && i < int32_t(row.
 
 // One-dimensional coding of a row: white, black, white ... runs.
 inline void Encode1D(BitWriter &w, const Row &row) {
-    int32_t width = int32_t(row.size());
-    int32_t pos = 0;
     bool black = false;
-    do {
-        int32_t end = pos;
-        while (end < width && row[size_t(end)] == black) ++end;
+    for (size_t pos = 0, end; pos < row.size(); pos = end, black = !black) {
+        for (end = pos; end < row.size() && row[end] == black;) ++end;
         w.Run(black, uint32_t(end - pos));
-        pos = end;
-        black = !black;
-    } while (pos < width);
+    }
 }
 
-// Two-dimensional coding of a row against ref, pixel by pixel as T.4 tells
-// it: the changing elements are looked for one pixel at a time.
+// Two-dimensional coding of a row against ref, the changing elements found one pixel at a time.
 inline void Encode2D(BitWriter &w, const Row &row, const Row &ref) {
-    int32_t width = int32_t(row.size());
-    auto nextChange = [&](const Row &line, int32_t from, bool colour) {
-        // first i > from with pixel colour and the pixel before it not
-        for (int32_t i = from + 1; i < width; ++i)
-            if (Pixel(line, i) == colour && Pixel(line, i - 1) != colour) return i;
-        return width;
+    const int32_t width = int32_t(row.size());
+    auto change = [&](const Row &line, int32_t from) {  // the next pixel unlike the one before it
+        while (++from < width && Pixel(line, from) == Pixel(line, from - 1)) {}
+        return from;
     };
-    auto nextDiff = [&](const Row &line, int32_t from) {
-        for (int32_t i = from + 1; i < width; ++i)
-            if (Pixel(line, i) != Pixel(line, i - 1)) return i;
-        return width;
-    };
-    int32_t a0 = -1;
     bool colour = false;
-    while (a0 < width) {
-        int32_t a1 = a0 + 1;
+    for (int32_t a0 = -1; a0 < width;) {
+        int32_t a1 = a0 + 1, b1 = a0;
         while (a1 < width && Pixel(row, a1) == colour) ++a1;
-        int32_t b1 = nextChange(ref, a0, !colour);
-        int32_t b2 = nextDiff(ref, b1);
+        do b1 = change(ref, b1);
+        while (b1 < width && Pixel(ref, b1) == colour);
+        const int32_t b2 = change(ref, b1);
         if (b2 < a1) {
             w.Bits("0001");
             a0 = b2;
@@ -113,13 +87,28 @@ inline void Encode2D(BitWriter &w, const Row &row, const Row &ref) {
         } else {
             int32_t a2 = a1;
             while (a2 < width && Pixel(row, a2) == !colour) ++a2;
-            int32_t start = a0 < 0 ? 0 : a0;
-            w.Bits("001");
-            w.Run(colour, uint32_t(a1 - start));
-            w.Run(!colour, uint32_t(a2 - a1));
+            w.Bits("001").Run(colour, uint32_t(a1 - std::max(a0, 0))).Run(!colour, uint32_t(a2 - a1));
             a0 = a2;
         }
     }
+}
+
+// A page as compression 2, 3 or 4 codes it (options bit 0: a tag bit before each row, every
+// k-th row one-dimensional), with fill bits of several lengths before the EOLs.
+inline std::vector<uint8_t> EncodePage(uint16_t compression, uint32_t options, const std::vector<Row> &rows,
+                                       size_t k = size_t(-1)) {
+    BitWriter w;
+    Row ref(rows.empty() ? 0 : rows[0].size(), false);
+    for (size_t y = 0; y < rows.size(); ++y) {
+        const bool twoD = compression == 4 || ((options & 1u) && y % k != 0);
+        if (compression == 3) w.Zeros(int(y % 3) * 3).Eol();
+        if (options & 1u) w.Bit(twoD ? 0 : 1);
+        if (twoD) Encode2D(w, rows[y], ref);
+        else Encode1D(w, rows[y]);
+        if (compression == 2) w.Align();
+        ref = rows[y];
+    }
+    return w.bytes;
 }
 
 // Packs a row as the decoder writes it: leftmost pixel in the top bit.
@@ -130,8 +119,18 @@ inline std::vector<uint8_t> Pack(const Row &row) {
     return out;
 }
 
-// Sets up TiffImage for one strip of `data`, as the directory and the strip
-// engine would, and runs the decoder's per-image and per-strip starts.
+// Each byte's bits in the other order, as FillOrder 2 stores them.
+inline std::vector<uint8_t> Reversed(std::vector<uint8_t> bytes) {
+    for (auto &b : bytes) {
+        uint8_t r = 0;
+        for (int i = 0; i < 8; ++i)
+            if (b & (1 << i)) r |= uint8_t(0x80 >> i);
+        b = r;
+    }
+    return bytes;
+}
+
+// TiffImage set up for one strip of `data` as the directory and strip engine would.
 struct Strip {
     std::vector<uint8_t> data;
     int32_t prepared = 0;
@@ -147,7 +146,6 @@ struct Strip {
         TiffImage.group3Options = group3Options;
         TiffImage.fillOrder = fillOrder;
         TiffImage.isCcitt = true;
-        TiffImage.currentRow = 0;
         FaxStart(compression);
         Restart();
     }
