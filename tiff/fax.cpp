@@ -384,23 +384,20 @@ int32_t FaxDecodeNextRow(FaxBits &bits, uint8_t *row, bool twoDimensional) {
         }
         if (FaxStalledAt(f, bits, twoDimensional)) {
             std::memset(row, 0, f.rowBytes);
-            for (uint32_t i = 0; i < f.stallReports; ++i) FaxReportUnexpectedCode();
             return -3;
         }
     }
     const FaxBits start = bits;
     const uint32_t reportsBefore = faxReportCount;
     const int32_t result = FaxDecodeRowFrom(bits, row, twoDimensional);
-    // A row that took no bit and found no data stalls the strip; it is
-    // kept only when it left nothing but a white row behind, which is what
-    // the stalled rows after it are then given.
+    // A row that took no bit, found no data, reported nothing and left a
+    // white row stalls the strip: the rows after it are given the same.
     if (result == -3 && bits.left == 0 && bits.cursor == start.cursor && bits.position == start.position &&
-        bits.curByte == start.curByte && FaxRowIsWhite(row, f.rowBytes)) {
+        bits.curByte == start.curByte && faxReportCount == reportsBefore && FaxRowIsWhite(row, f.rowBytes)) {
         f.stallCursor = bits.cursor;
         f.stallPosition = bits.position;
         f.stallCurByte = bits.curByte;
         f.stall2D = uint32_t(twoDimensional);
-        f.stallReports = faxReportCount - reportsBefore;
     }
     return result;
 }
@@ -414,10 +411,7 @@ bool FaxRowsStayBlank() {
     // begun mode code; both are left to the row itself while they matter.
     if (FaxStreamSpent(bits))
         return !twoDimensional || (bits.position < int32_t(FaxModeRows) && !ReportIsHeard());
-    // A stalled row that reported is left to report again row by row
-    // (one-dimensional rows, the only ones seen to stall, do not report).
-    if (FaxStalledAt(f, bits, twoDimensional)) return f.stallReports == 0;
-    return false;
+    return FaxStalledAt(f, bits, twoDimensional);
 }
 
 void FaxAdvanceReference(const uint8_t *row) {

@@ -43,14 +43,14 @@ struct FaxState {
     uint32_t rowFromBitmap;  // 1: the last row was decoded against refLine
     // A row that found no data (-3) but a few bits too short for a code
     // leaves the stream as it was, so every later row of the strip would
-    // decode those bits again to the same end.  The stream it stopped on,
-    // its kind and how many reports it made are kept to give those rows
-    // at once; stallCursor is null when no row has stalled in this strip.
+    // decode those bits again to the same end.  The stream it stopped on
+    // and its kind are kept to give those rows at once, when the row made
+    // no report and left a white row; stallCursor is null when no row has
+    // stalled so in this strip.
     const uint8_t *stallCursor;
     int32_t stallPosition;
     uint32_t stallCurByte;
     uint32_t stall2D;
-    uint32_t stallReports;
 };
 
 extern FaxState *faxState;  // null while no record exists
