@@ -27,5 +27,6 @@ TL_HANDLE OpenImageFile(char *name, int32_t imageNumber) {
 }
 
 extern "C" TL_API TL_HANDLE TL_CALL TL_IMAGE_E(char *name, int32_t imageNumber) {
+    platform::ExportLock hold;
     return OpenImageFile(name, imageNumber);
 }

@@ -167,6 +167,15 @@ TL_HANDLE BitmapIntoRecord(void *record, int32_t variant, TL_HANDLE bitmap) {
     return target;
 }
 
-TL_HANDLE TL_CALL TLC_BITMAP_E(void *record, TL_HANDLE bitmap) { return BitmapIntoRecord(record, 1, bitmap); }
-TL_HANDLE TL_CALL TLL_BITMAP_E(void *record, TL_HANDLE bitmap) { return BitmapIntoRecord(record, 2, bitmap); }
-TL_HANDLE TL_CALL TLP_BITMAP_E(void *record, TL_HANDLE bitmap) { return BitmapIntoRecord(record, 3, bitmap); }
+TL_HANDLE TL_CALL TLC_BITMAP_E(void *record, TL_HANDLE bitmap) {
+    platform::ExportLock hold;
+    return BitmapIntoRecord(record, 1, bitmap);
+}
+TL_HANDLE TL_CALL TLL_BITMAP_E(void *record, TL_HANDLE bitmap) {
+    platform::ExportLock hold;
+    return BitmapIntoRecord(record, 2, bitmap);
+}
+TL_HANDLE TL_CALL TLP_BITMAP_E(void *record, TL_HANDLE bitmap) {
+    platform::ExportLock hold;
+    return BitmapIntoRecord(record, 3, bitmap);
+}

@@ -162,16 +162,20 @@ TL_HANDLE ImageIntoRecord(void *record, char selector, char *name, int32_t image
 }
 
 TL_HANDLE TL_CALL TLC_IMAGE_E(void *record, char *name, int32_t imageNumber) {
+    platform::ExportLock hold;
     return ImageIntoRecord(record, 'c', name, imageNumber);
 }
 TL_HANDLE TL_CALL TLL_IMAGE_E(void *record, char *name, int32_t imageNumber) {
+    platform::ExportLock hold;
     return ImageIntoRecord(record, 'l', name, imageNumber);
 }
 TL_HANDLE TL_CALL TLP_IMAGE_E(void *record, char *name, int32_t imageNumber) {
+    platform::ExportLock hold;
     return ImageIntoRecord(record, 'p', name, imageNumber);
 }
 
 int32_t TL_CALL TOLMAR_VERSION_E(char *version) {
+    platform::ExportLock hold;
     if (!version) return 0;
     if (version[0] == 0) std::memcpy(version, TolmarVersion, sizeof TolmarVersion);
     if (std::strcmp(version, TolmarVersion) == 0) return 1;

@@ -14,6 +14,13 @@
 
 #include <stdint.h>
 
+/* The library's own version; the shared library's SONAME carries the major
+   number, which changes only when a host must be built anew. */
+#define TOLIMAGE_VERSION_MAJOR 3
+#define TOLIMAGE_VERSION_MINOR 3
+#define TOLIMAGE_VERSION_PATCH 0
+#define TOLIMAGE_VERSION_STRING "3.3.0"
+
 #if defined(_WIN32)
 #define TL_API __declspec(dllexport)
 #define TL_CALL __stdcall

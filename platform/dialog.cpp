@@ -262,6 +262,7 @@ BOOL ShowFileDialog(OPENFILENAMEA *record, bool save) {
 }  // namespace
 
 TL_FILE_DIALOG TlSetFileDialog(TL_FILE_DIALOG dialog) {
+    platform::ExportLock hold;  // the dialog is read while an export holds the lock
     const TL_FILE_DIALOG before = hostDialog;
     hostDialog = dialog;
     return before;

@@ -86,6 +86,20 @@ int _access(const char *name, int mode);
 // it does not fit `size` bytes.  The file need not exist.
 char *_fullpath(char *buffer, const char *name, size_t size);
 
+// ---- one caller at a time ----
+namespace platform {
+// The library's state is one per process.  Every export holds this lock
+// for the length of its call, so that calls from several threads run one
+// after another.  The lock is re-entrant: a host's error callback or file
+// dialog, called while an export holds it, may call an export again.
+struct ExportLock {
+    ExportLock();
+    ~ExportLock();
+    ExportLock(const ExportLock &) = delete;
+    ExportLock &operator=(const ExportLock &) = delete;
+};
+}  // namespace platform
+
 // ---- for tests: what the process holds now ----
 namespace platform {
 int32_t LiveBlocks();   // Global and Local blocks not yet freed

@@ -4,7 +4,7 @@
 #   deps.sh fuzz       and clang with its libFuzzer runtime
 #   deps.sh bench      and Google Benchmark with libtiff (the peer measured)
 set -euo pipefail
-packages=(cmake make g++ libgtest-dev binutils)
+packages=(cmake make g++ libgtest-dev binutils pkg-config)
 for extra in "$@"; do
   case "$extra" in
     fuzz) packages+=(clang libclang-rt-14-dev) ;;

@@ -111,11 +111,18 @@ SilentAttempt::~SilentAttempt() {
 // The exports.  ERROR_FLAGS_E gives no result: the callback before is of no
 // use to a host that has just replaced it.
 extern "C" TL_API void TL_CALL ERROR_FLAGS_E(int32_t cont, int32_t box, int32_t abort, TL_ERROR_CALLBACK callback) {
+    platform::ExportLock hold;
     SetErrorContinue(cont);
     SetErrorBox(box);
     SetAbortEnabled(abort);
     SetErrorCallback(callback);
 }
 
-extern "C" TL_API int32_t TL_CALL TL_ERRORSTATUS_E(void) { return ErrorStatus(); }
-extern "C" TL_API int32_t TL_CALL TL_CLEARERROR_E(void) { return ErrorClear(); }
+extern "C" TL_API int32_t TL_CALL TL_ERRORSTATUS_E(void) {
+    platform::ExportLock hold;
+    return ErrorStatus();
+}
+extern "C" TL_API int32_t TL_CALL TL_CLEARERROR_E(void) {
+    platform::ExportLock hold;
+    return ErrorClear();
+}

@@ -80,7 +80,24 @@ COLUMNS=80 expect 0 "$tool" show "$samples/sample.bmp"
 expect 1 "$tool" show "$out/one.bin"
 expect 1 "$tool" raster "$out/one.bin" "$out/none.pbm"
 
-expect 2 "$tool"
-expect 2 "$tool" frobnicate x
-expect 2 "$tool" convert only-one-arg
+# Bad usage: status 2 and one line on standard error.
+for args in "" "frobnicate x" "convert only-one-arg" "help convert extra" "--frobnicate"; do
+    # shellcheck disable=SC2086
+    expect 2 "$tool" $args
+    [ "$(wc -l < "$out/stderr")" = 1 ] || { echo "FAIL: '$args' gave not one line"; cat "$out/stderr"; fail=1; }
+done
+grep -q "usage: tolimage convert FILE OUT \[--all\]" <("$tool" convert x 2>&1) || { echo "FAIL: convert's usage"; fail=1; }
+
+# Help and version go to standard output with status 0.
+expect 0 "$tool" --help
+for command in info convert raster show help; do
+    grep -q "tolimage $command" "$out/stdout" || { echo "FAIL: --help lacks $command"; fail=1; }
+done
+grep -q "Exit status" "$out/stdout" || { echo "FAIL: --help lacks the exit status"; fail=1; }
+expect 0 "$tool" help raster
+[ "$(head -n 1 "$out/stdout")" = "usage: tolimage raster FILE OUT.pbm" ] || { echo "FAIL: help raster"; cat "$out/stdout"; fail=1; }
+expect 2 "$tool" help frobnicate
+expect 0 "$tool" --version
+grep -q "^tolimage [0-9]*\.[0-9]*\.[0-9]* (TolImage library [0-9.]*, engine version 3\.3m)$" "$out/stdout" ||
+    { echo "FAIL: --version"; cat "$out/stdout"; fail=1; }
 exit $fail
