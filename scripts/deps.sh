@@ -3,12 +3,14 @@
 #   deps.sh            compiler, CMake, GoogleTest
 #   deps.sh fuzz       and clang with its libFuzzer runtime
 #   deps.sh bench      and Google Benchmark with libtiff (the peer measured)
+#   deps.sh package    and dpkg-dev, for cpack's Debian package
 set -euo pipefail
 packages=(cmake make g++ libgtest-dev binutils pkg-config)
 for extra in "$@"; do
   case "$extra" in
     fuzz) packages+=(clang libclang-rt-14-dev) ;;
     bench) packages+=(libbenchmark-dev libtiff-dev) ;;
+    package) packages+=(dpkg-dev) ;;
   esac
 done
 missing=()
