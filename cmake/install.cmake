@@ -30,6 +30,7 @@ install(FILES ${PROJECT_BINARY_DIR}/TolImageConfig.cmake ${PROJECT_BINARY_DIR}/T
 
 # pkg-config: paths relative to the prefix, so that the installed tree may move.
 file(RELATIVE_PATH TL_PC_TO_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+string(REGEX REPLACE "/$" "" TL_PC_TO_PREFIX "${TL_PC_TO_PREFIX}")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/tolimage.pc.in ${PROJECT_BINARY_DIR}/tolimage.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tolimage.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
         COMPONENT development)
