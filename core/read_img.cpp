@@ -59,6 +59,7 @@ int32_t TypeOfMagic(uint16_t magic) {
 
 TL_HANDLE ReadIMG(char *name, int32_t imageNumber) {
     ErrorClear();
+    ForgetReadWindows();  // a file kept open since the last call is read anew
     int32_t type = LastImageType;
     if (name != nullptr && name[0] != '\0') {
         ManagedFile file = TL_OPEN(name, "rb");

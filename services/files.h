@@ -20,6 +20,11 @@ void TL_REWIND(ManagedFile file);
 uint32_t TL_FILELENGTH(ManagedFile file);  // 0xFFFFFFFF on a bad handle
 int32_t TL_CLOSE(ManagedFile file);        // 0; 1 close failed; -1 unknown handle
 
+// Drops what the read windows of the open files hold, so that a file kept
+// open from one image call to the next (a walk) is read anew from the
+// system and a file that changed in between is seen as it is now.
+void ForgetReadWindows();
+
 // Slot of the first table entry holding `handle`, or -1.
 int32_t FindFileSlot(ManagedFile handle);
 

@@ -1,6 +1,8 @@
 // The managed file table: its checks, its reports and its slots.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -85,6 +87,47 @@ TEST(FileTable, ReadsAndPositions) {
     for (ManagedFile f : {file, both}) EXPECT_EQ(TL_CLOSE(f), 0);
     EXPECT_EQ(TL_CLOSE(file), -1) << "a second close is unknown, and silent";
     EXPECT_TRUE(recorder.reports.empty());
+}
+
+// A file opened for reading only goes through the read window; the same file
+// opened "r+b" is read directly.  Any mix of reads, seeks and tells must give
+// the same results, bytes and positions both ways: small and window-sized
+// reads, seeks inside and outside the window, before the start and past the
+// end.
+TEST(FileTable, ReadsThroughTheWindowMatchDirectReads) {
+    test::LeakGuard guard;
+    test::Recorder recorder;
+    std::vector<uint8_t> content(700 * 1024 + 17);
+    uint32_t seed = 12345;
+    auto next = [&seed] { return seed = seed * 1103515245u + 12345u, seed >> 8; };
+    for (uint8_t &byte : content) byte = uint8_t(next());
+    const std::string path = test::WriteTemp("window.bin", content);
+    ManagedFile windowed = TL_OPEN(path.c_str(), "rb"), direct = TL_OPEN(path.c_str(), "r+b");
+    const int32_t size = int32_t(content.size());
+    const uint32_t counts[] = {0, 1, 3, 4096, 8000, 70000, 256 * 1024, 300000, 800000};
+    std::vector<uint8_t> a(800000), b(800000);
+    for (int step = 0; step < 3000; ++step) {
+        SCOPED_TRACE(step);
+        uint32_t pick = next();
+        if (pick % 3 == 0) {
+            const int32_t method = int32_t(next() % 3);
+            const int32_t base = method == 0 ? 0 : method == 1 ? int32_t(TL_TELL(direct)) : size;
+            const int32_t offset = int32_t(next() % uint32_t(size + 40000)) - base - 20000;
+            ASSERT_EQ(TL_SEEK(windowed, offset, method), TL_SEEK(direct, offset, method));
+        } else if (pick % 3 == 1) {
+            const uint32_t count = counts[next() % std::size(counts)] + next() % 3;
+            const uint32_t got = TL_READ(a.data(), count, windowed);
+            ASSERT_EQ(got, TL_READ(b.data(), count, direct));
+            ASSERT_TRUE(std::equal(a.begin(), a.begin() + got, b.begin()));
+        } else if (pick % 50 == 2) {
+            TL_REWIND(windowed), TL_REWIND(direct);
+        }
+        ASSERT_EQ(TL_TELL(windowed), TL_TELL(direct));
+    }
+    EXPECT_EQ(TL_FILELENGTH(windowed), uint32_t(size));
+    TL_CLOSE(windowed), TL_CLOSE(direct);
+    EXPECT_TRUE(recorder.reports.empty());
+    EXPECT_TRUE(guard.Same());
 }
 
 TEST(FileTable, MisuseIsReported) {
