@@ -98,12 +98,16 @@ Decoded Decode(bool lzw, Bytes strip, uint32_t rowBytes, uint32_t rows) {
     TiffImage.currentRow = 0;
     Decoded d;
     if (lzw && !LzwStartStrip()) d.failedRow = -2;
-    Bytes row(rowBytes + 16);
+    // As in the bitmap block, the rows lie one below the other, the first at
+    // the top, and stay as written while the strip is decoded; here each has
+    // 8 guard bytes on either side.
+    const size_t pitch = rowBytes + 16;
+    Bytes image(pitch * rows, 0xEE);
     for (uint32_t r = 0; r < rows && d.failedRow == -1; ++r, ++TiffImage.currentRow) {
-        std::fill(row.begin(), row.end(), 0xEE);
-        if (!(lzw ? LzwDecodeLine : PackBitsDecodeLine)(row.data() + 8, int32_t(rowBytes))) d.failedRow = int(r);
-        else d.data.insert(d.data.end(), row.begin() + 8, row.end() - 8);
-        d.guardsIntact &= std::count(row.begin(), row.begin() + 8, 0xEE) + std::count(row.end() - 8, row.end(), 0xEE) == 16;
+        const auto row = image.begin() + ptrdiff_t(pitch * (rows - 1 - r));
+        if (!(lzw ? LzwDecodeLine : PackBitsDecodeLine)(&row[8], int32_t(rowBytes))) d.failedRow = int(r);
+        else d.data.insert(d.data.end(), row + 8, row + ptrdiff_t(pitch) - 8);
+        d.guardsIntact &= std::count(row, row + 8, 0xEE) + std::count(row + ptrdiff_t(pitch) - 8, row + ptrdiff_t(pitch), 0xEE) == 16;
     }
     for (auto &x : rec.reports) {
         EXPECT_EQ(x.title, "TIFF Read");

@@ -1,10 +1,14 @@
 // lzw.cpp - LZW (compression 5) and PackBits (compression 32773) rows.
 //
 // LZW keeps a table of 4096 linked entries: a string is its last byte and a
-// link to the string without it, so each new entry costs one link and a
-// string is written straight into the row from its tail.  A string that
-// does not fit the rest of a row is delivered in parts: its head ends this
-// row and `restart` remembers how much of it is delivered.
+// link to the string without it.  Each entry also remembers where its
+// string stands whole in the rows already written: a new string is the
+// previous code's string, just written, and one byte more, so a string is
+// written again with one copy of that span and its last byte.  Only a string
+// that is in no one piece (it crossed the end of a row) is written from its
+// tail by walking the links.  A string that does not fit the rest of a row
+// is delivered in parts: its head ends this row and `restart` remembers how
+// much of it is delivered.
 
 #include "tiff/lzw.h"
 
@@ -79,6 +83,7 @@ int32_t LzwStartStrip() {
             s->table[i].firstChar = uint8_t(i);
             s->table[i].length = 1;
             s->table[i].prefix = nullptr;
+            s->table[i].where = nullptr;
         }
     }
     LzwState *s = State();
@@ -152,6 +157,9 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
     LzwEntry *maxEntry = s->maxEntry;
     LzwEntry *const table = s->table;
     LzwEntry *const tableEnd = table + LzwTableSize;
+    // Where the previous code's string starts in this row; null when it is
+    // not whole in this row, right before `out`.
+    const uint8_t *previous = nullptr;
 
     // Next code, top bits of each byte first.  The end of the strip counts
     // as an EOI: nothing behind the strip's bytes is read.
@@ -181,6 +189,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
             // A code of 256 or above right after CLEAR names no string: it
             // is taken as the end of the data, and the short row reports.
             if (code >= LzwCodeClear) break;
+            previous = out;
             *out++ = uint8_t(code);
             --left;
             oldEntry = table + code;
@@ -196,6 +205,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
             // The strip did not start with CLEAR: a single byte starts the
             // string chain, any other code names no string and ends the data.
             if (code >= LzwCodeClear) break;
+            previous = out;
             *out++ = uint8_t(code);
             --left;
             oldEntry = e;
@@ -209,6 +219,9 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         freeEntry->firstChar = oldEntry->firstChar;
         freeEntry->length = uint16_t(oldEntry->length + 1);
         freeEntry->value = e < freeEntry ? e->firstChar : freeEntry->firstChar;
+        // The previous string, whole before `out`, and the first byte of
+        // this one, which goes to `out` in this row.
+        freeEntry->where = previous;
         if (++freeEntry > maxEntry) {
             // One code early, as TIFF writers do: 10 bits once entry 510 is
             // filled, 11 after 1022, 12 after 2046.
@@ -218,6 +231,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         }
         oldEntry = e;
 
+        previous = out;
         if (code < LzwCodeClear) {
             *out++ = uint8_t(code);
             --left;
@@ -225,7 +239,12 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         }
         const int32_t length = e->length;
         if (length <= left) {
-            if (WriteTail(e, out, out + length) != nullptr) {
+            if (e->where != nullptr) {
+                // Its bytes but the last stand whole before `out` (in this
+                // row or an earlier one), so the copy never overlaps.
+                std::memcpy(out, e->where, size_t(length - 1));
+                out[length - 1] = e->value;
+            } else if (WriteTail(e, out, out + length) != nullptr) {
                 ReportRow("Unexpected code in line %ld");
                 break;
             }
@@ -234,6 +253,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
             continue;
         }
         // The string does not fit the row: its head ends this row.
+        previous = nullptr;
         s->restartEntry = e;
         LzwEntry *head = e;
         while (head && head->length > left) head = head->prefix;

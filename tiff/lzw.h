@@ -8,12 +8,14 @@
 #include <cstdint>
 
 // One string of the LZW table, stored as a link to the string without its
-// last byte.
+// last byte, and where the string already stands whole in the rows of the
+// strip, so that it can be written again with one copy.
 struct LzwEntry {
-    LzwEntry *prefix;    // the string without its last byte; null for one byte
-    uint16_t length;     // bytes of the whole string
-    uint8_t value;       // its last byte
-    uint8_t firstChar;   // its first byte
+    LzwEntry *prefix;      // the string without its last byte; null for one byte
+    const uint8_t *where;  // its bytes in an earlier row or earlier in this one; null when in no one piece
+    uint16_t length;       // bytes of the whole string
+    uint8_t value;         // its last byte
+    uint8_t firstChar;     // its first byte
 };
 
 constexpr uint32_t LzwTableSize = 4096;
@@ -25,7 +27,9 @@ constexpr uint32_t LzwFirstFree = 258;
 // it.  1, or 0 (no message) when there is no memory or the strip starts
 // with CLEAR in the reversed bit order.
 int32_t LzwStartStrip();
-// Delivers one row; 1 when it is complete, else 0 (reported).
+// Delivers one row; 1 when it is complete, else 0 (reported).  The rows
+// delivered earlier in the strip must stay as they were written until the
+// strip ends: later strings are copied from them.
 int32_t LzwDecodeLine(uint8_t *row, int32_t count);
 // Frees the state and the table; safe when there is none.
 void LzwRelease();
