@@ -50,15 +50,78 @@ void ReportRow(const char *format) {
     ReportError(ReadTitle, TiffImage.messageBuffer, 0);
 }
 
-// Writes the string of `e` backwards into [out, end): from end - 1 down,
-// following the chain until it ends or out is reached.  Gives the entry
-// where the writing stopped: null when the chain ended.
-inline LzwEntry *WriteTail(LzwEntry *e, uint8_t *out, uint8_t *end) {
-    while (e && end > out) {
-        *--end = e->value;
-        e = e->prefix;
+// Copies `n` bytes from `from` to `to`, which do not overlap: short spans
+// with loads and stores that may overlap each other, reading and writing
+// nothing outside the spans; longer ones with memcpy.
+inline void CopySpan(uint8_t *to, const uint8_t *from, size_t n) {
+    if (n >= 8 && n <= 16) {
+        uint64_t head, tail;
+        std::memcpy(&head, from, 8);
+        std::memcpy(&tail, from + n - 8, 8);
+        std::memcpy(to, &head, 8);
+        std::memcpy(to + n - 8, &tail, 8);
+    } else if (n >= 4 && n < 8) {
+        uint32_t head, tail;
+        std::memcpy(&head, from, 4);
+        std::memcpy(&tail, from + n - 4, 4);
+        std::memcpy(to, &head, 4);
+        std::memcpy(to + n - 4, &tail, 4);
+    } else if (n >= 2 && n < 4) {
+        uint16_t head, tail;
+        std::memcpy(&head, from, 2);
+        std::memcpy(&tail, from + n - 2, 2);
+        std::memcpy(to, &head, 2);
+        std::memcpy(to + n - 2, &tail, 2);
+    } else if (n == 1) {
+        *to = *from;
+    } else if (n > 16) {
+        std::memcpy(to, from, n);
     }
-    return e;
+}
+
+// Writes bytes [from, from + n) of the string of `e` to `out`; false when
+// its chain ends early, which no table built here gives.
+//
+// A string that stands whole in the rows written is copied from there.  Its
+// last byte is there too, but for an entry made by the very code being
+// written (`fresh`): that byte is the one at `out`, so it comes from
+// `value`.  A string in no one piece (it crossed a row's end) is written
+// from its tail along its chain, but only down to the first shorter string
+// of the chain that stands whole somewhere, whose bytes begin this one: that
+// is usually one link.  When the whole string goes into this row, it stands
+// whole from now on.
+inline bool WritePart(LzwEntry *e, uint32_t from, uint32_t n, uint8_t *out, bool fresh) {
+    const uint32_t stop = from + n;
+    if (e->where != nullptr) {
+        if (fresh && stop == e->length) {
+            CopySpan(out, e->where + from, n - 1);
+            out[n - 1] = e->value;
+        } else {
+            CopySpan(out, e->where + from, n);
+        }
+        return true;
+    }
+    uint8_t *const base = out - from;  // where byte 0 of the string would go
+    LzwEntry *link = e;
+    uint32_t low = stop;  // bytes from here to `stop` are written
+    while (link != nullptr && low > from) {
+        const uint32_t length = link->length;
+        if (length <= from) return false;  // the chain's lengths do not step down one by one
+        if (link->where != nullptr) {
+            const uint32_t end = length < low ? length : low;
+            if (end > from) CopySpan(out, link->where + from, end - from);
+            low = from;
+            break;
+        }
+        if (length <= low) {
+            base[length - 1] = link->value;
+            low = length - 1;
+        }
+        link = link->prefix;
+    }
+    if (low > from) return false;
+    if (from == 0 && n == e->length) e->where = out;
+    return true;
 }
 
 }  // namespace
@@ -126,21 +189,15 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
     // The tail of a string begun in an earlier row.
     if (s->restart != 0) {
         LzwEntry *e = s->restartEntry;
-        int32_t rest = int32_t(e->length) - int32_t(s->restart);
-        if (rest > left) {
-            // It reaches past this row as well: skip its part for later rows.
-            s->restart += uint32_t(left);
-            while (rest > left && e) {
-                e = e->prefix;
-                --rest;
-            }
-            if (e) WriteTail(e, out, out + left);
+        const uint32_t rest = e->length - s->restart;
+        const uint32_t part = rest < uint32_t(left) ? rest : uint32_t(left);
+        WritePart(e, s->restart, part, out, false);
+        out += part;
+        left -= int32_t(part);
+        if (part < rest) {
+            // It reaches past this row as well.
+            s->restart += part;
             return 1;
-        }
-        if (rest > 0) {
-            WriteTail(e, out, out + rest);
-            out += rest;
-            left -= rest;
         }
         s->restart = 0;
     }
@@ -197,6 +254,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         }
 
         LzwEntry *e = table + code;
+        const bool fresh = e == freeEntry;  // the code names the entry it makes
         if (freeEntry >= tableEnd) {
             ReportError(ReadTitle, "Internal error in LZW decoding", 0);
             return 0;
@@ -239,12 +297,9 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         }
         const int32_t length = e->length;
         if (length <= left) {
-            if (e->where != nullptr) {
-                // Its bytes but the last stand whole before `out` (in this
-                // row or an earlier one), so the copy never overlaps.
-                std::memcpy(out, e->where, size_t(length - 1));
-                out[length - 1] = e->value;
-            } else if (WriteTail(e, out, out + length) != nullptr) {
+            // The string stands whole before `out` (in this row or an
+            // earlier one), so the copy never overlaps.
+            if (!WritePart(e, 0, uint32_t(length), out, fresh)) {
                 ReportRow("Unexpected code in line %ld");
                 break;
             }
@@ -255,11 +310,8 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         // The string does not fit the row: its head ends this row.
         previous = nullptr;
         s->restartEntry = e;
-        LzwEntry *head = e;
-        while (head && head->length > left) head = head->prefix;
-        if (head == nullptr) break;
         s->restart = uint32_t(left);
-        if (WriteTail(head, out, out + left) != nullptr) ReportRow("Unexpected code in line %ld");
+        if (!WritePart(e, 0, uint32_t(left), out, fresh)) ReportRow("Unexpected code in line %ld");
         left = 0;
         break;
     }
