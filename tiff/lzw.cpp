@@ -344,6 +344,29 @@ int32_t PackBitsDecodeLine(uint8_t *row, int32_t count) {
     while (avail > 0 && left > 0) {
         const int32_t n = int8_t(*in++);
         --avail;
+        if (n >= -15 && n <= 15 && left >= 16 && avail >= 16) {
+            // A short packet well inside the row and the strip, as text
+            // gives them by the thousand: 16 bytes are moved, the packet's
+            // first bytes of them count.  The bytes behind it stay in this
+            // row and the next packet writes over them; a row that is not
+            // completed fails the image.
+            uint8_t chunk[16];
+            int32_t len;
+            if (n >= 0) {
+                len = n + 1;
+                std::memcpy(chunk, in, 16);
+                in += len;
+                avail -= len;
+            } else {
+                len = 1 - n;
+                std::memset(chunk, *in++, 16);
+                --avail;
+            }
+            std::memcpy(out, chunk, 16);
+            out += len;
+            left -= len;
+            continue;
+        }
         if (n >= 0) {
             const int32_t take = n + 1 < avail ? n + 1 : avail;
             const int32_t put = take < left ? take : left;
