@@ -144,6 +144,52 @@ TEST(Lzw, RoundTripsThroughEveryCodeWidthAndAcrossRows) {
     LzwRelease();
 }
 
+// PackBits rows, each coded on its own: runs of 2 and more, literals of up
+// to 128.
+Bytes PackRows(const Bytes &in, size_t rowBytes) {
+    Bytes out;
+    for (size_t start = 0; start < in.size(); start += rowBytes) {
+        const size_t end = std::min(in.size(), start + rowBytes);
+        for (size_t i = start; i < end;) {
+            size_t run = 1;
+            while (i + run < end && run < 128 && in[i + run] == in[i]) ++run;
+            if (run >= 2) {
+                out.push_back(uint8_t(1 - int(run)));
+                out.push_back(in[i]);
+                i += run;
+                continue;
+            }
+            size_t literal = 1;
+            while (i + literal < end && literal < 128 && (i + literal + 1 >= end || in[i + literal] != in[i + literal + 1]))
+                ++literal;
+            out.push_back(uint8_t(literal - 1));
+            out.insert(out.end(), in.begin() + ptrdiff_t(i), in.begin() + ptrdiff_t(i + literal));
+            i += literal;
+        }
+    }
+    return out;
+}
+
+TEST(PackBits, ShortAndLongPacketsRoundTripAtEveryRowWidth) {
+    test::QuietDefaults();
+    // Runs and literals of 1 to 40 bytes, as text rows give them.
+    std::mt19937 rng(7);
+    Bytes data;
+    while (data.size() < 20000) {
+        const size_t n = 1 + rng() % (rng() % 4 == 0 ? 40 : 6);
+        const bool run = rng() % 2;
+        for (size_t i = 0; i < n; ++i) data.push_back(uint8_t(run ? 0x5A : rng()));
+    }
+    for (uint32_t rowBytes : {1u, 15u, 16u, 17u, 31u, 310u}) {
+        SCOPED_TRACE(rowBytes);
+        const Bytes rows(data.begin(), data.begin() + ptrdiff_t(data.size() / rowBytes * rowBytes));
+        Decoded d = Decode(false, PackRows(rows, rowBytes), rowBytes, uint32_t(rows.size() / rowBytes));
+        EXPECT_EQ(d.failedRow, -1);
+        EXPECT_TRUE(d.guardsIntact);
+        EXPECT_TRUE(d.data == rows);
+    }
+}
+
 TEST(LineDecoders, HandMadeStreamsAndFaults) {
     test::QuietDefaults();
     const Bytes noise = Noise(3000, 8, 4);
