@@ -339,6 +339,56 @@ TEST(TiffLines, StripBufferSkipsRestartsAndFillOrder) {
     EXPECT_TRUE(guard.Same());
 }
 
+// A strip that claims more rows than the file holds: the strip buffer holds
+// what the file has, the rows behind it stay zero without being copied one
+// by one, and a count that ends before the strip does still reports at its
+// row.  The first file declares 50.4 million rows over 8 bytes of data.
+TEST(TiffLines, UncompressedRowsPastTheFileCostNoBufferAndNoCopies) {
+    test::QuietDefaults();
+    test::LeakGuard guard;
+    const Bytes data = {0x81, 0x42, 0x24, 0x18, 0xFF, 0x00, 0x00, 0xFF};
+    const uint32_t huge = 50400000;
+    ASSERT_EQ(Open(NoCounts(Bilevel(16, huge, 1, {data}))), 1);
+    EXPECT_EQ(TiffImage.stripByteCounts[0], huge * 2);
+    ASSERT_EQ(LoadStrip(0), 1);
+    EXPECT_LE(TiffImage.stripBufferSize, 1024) << "no larger than the file";
+    TiffClose();
+    // Whole loads: each row is the file's bytes at its place in its strip, or
+    // zero behind the file's end; complemented, as photometric 1 is.
+    const struct {
+        const char *what;
+        TiffBuilder file;
+        uint32_t rows, rowsPerStrip;
+        std::vector<std::string> reports;
+    } cases[] = {
+        {"no count: the image's", NoCounts(Bilevel(16, 5000000, 1, {data})), 5000000, 5000000, {}},
+        {"a count of 3 rows over 10", Bilevel(16, 10, 1, {data}).Long(279, 6), 3, 10,
+         {"Internal allocation error in line 3", "ReadTIF: TIFFDecodeLine failed"}},
+        {"strips of 4 rows, the second past the file", Bilevel(16, 8, 1, {data, {0x3C}}, 4).Longs(279, {8, 8}), 8, 4, {}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        const Bytes file = c.file.Build();
+        ASSERT_EQ(Open(c.file), 1);
+        std::vector<uint32_t> offsets(TiffImage.stripOffsets, TiffImage.stripOffsets + TiffImage.stripsPerImage);
+        TiffClose();
+        Loaded r = LoadQuiet(test::WriteTemp("t.tif", file));
+        EXPECT_EQ(r.reports, c.reports);
+        if (!r.block) continue;
+        Bytes bits = test::BlockBytes(r.block);
+        test::FreeBlock(r.block);
+        ASSERT_EQ(bits.size(), 48 + size_t(c.rows) * 4);
+        for (size_t row = 0; row < c.rows; row += row < 20 ? 1 : 99991) {
+            const uint8_t *at = &bits[48 + (c.rows - 1 - row) * 4];  // the top row last
+            for (size_t i = 0; i < 2; ++i) {
+                const size_t place = offsets[row / c.rowsPerStrip] + (row % c.rowsPerStrip) * 2 + i;
+                EXPECT_EQ(at[i], uint8_t(~(place < file.size() ? file[place] : 0))) << row;
+            }
+        }
+    }
+    EXPECT_TRUE(guard.Same());
+}
+
 // ---- the image-number protocol -------------------------------------------
 
 TEST(TiffReader, WalksAndMemo) {

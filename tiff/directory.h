@@ -90,6 +90,7 @@ struct TiffImageRecord {
     int32_t stripBufferSize;   // its size, a multiple of 1024
     uint8_t *rawCursor;        // next unread byte of the strip
     int32_t rawLeft;           // bytes the strip table promises behind rawCursor
+    uint8_t *rawHeldEnd;       // behind the strip's bytes that the file held (uncompressed strips)
     uint32_t fileLength;       // the file's length at TiffOpen
     int64_t stripReadEnd;      // file position behind the last strip read; -1 when unknown
     char messageBuffer[128];   // every formatted message of the TIFF reader

@@ -78,17 +78,27 @@ uint64_t StripByteCeiling() {
     return fileLength > image ? fileLength : image;
 }
 
-// Lines after line, in its strip, that the fax decoder would only give as
-// white rows (see FaxRowsStayBlank): they are counted as read and left as
-// the zeroed block has them.  A file may declare millions of rows over a
-// few bytes of data; this keeps the time such a file takes to the rows it
-// codes.  Other compressions ask for every line.
+// Lines after line, in its strip, that would only come out white and make
+// no report: they are counted as read and left as the zeroed block has
+// them.  A file may declare millions of rows over a few bytes of data; this
+// keeps the time such a file takes to the rows it codes.  For the CCITT
+// compressions the fax decoder tells (FaxRowsStayBlank); an uncompressed
+// strip whose held bytes are used up gives zero rows for as long as its
+// count lasts.  Other compressions ask for every line.
 uint32_t SkipBlankLines(uint32_t line) {
     auto &t = TiffImage;
-    if (!t.isCcitt || t.rowsPerStrip == 0 || !FaxRowsStayBlank()) return 0;
+    if (t.rowsPerStrip == 0) return 0;
     const uint64_t stripEnd = (uint64_t(line / t.rowsPerStrip) + 1) * t.rowsPerStrip;
-    const uint64_t end = stripEnd < t.imageLength ? stripEnd : t.imageLength;
-    if (end <= uint64_t(line) + 1) return 0;
+    uint64_t end = stripEnd < t.imageLength ? stripEnd : t.imageLength;
+    if (t.compression == TiffCompressionNone) {
+        if (t.rawCursor < t.rawHeldEnd || t.scanlineSize == 0 || t.rawLeft <= 0) return 0;
+        const uint64_t covered = uint64_t(line) + 1 + uint64_t(t.rawLeft) / t.scanlineSize;
+        if (covered < end) end = covered;
+        if (end <= uint64_t(line) + 1) return 0;
+        t.rawLeft -= int32_t((end - line - 1) * t.scanlineSize);
+    } else if (!t.isCcitt || !FaxRowsStayBlank() || end <= uint64_t(line) + 1) {
+        return 0;
+    }
     const auto skipped = uint32_t(end - line - 1);
     t.currentRow += skipped;
     return skipped;
@@ -209,8 +219,12 @@ int32_t CopyLine(uint8_t *row, int32_t count) {
         ReportError(ReadTitle, t.messageBuffer, 0);
         return 0;
     }
-    std::memcpy(row, t.rawCursor, size_t(count));
-    t.rawCursor += count;
+    // Bytes behind what the file held are not in the buffer: they stay as
+    // the zeroed row has them.
+    const ptrdiff_t held = t.rawHeldEnd - t.rawCursor;
+    const int32_t copied = held <= 0 ? 0 : held < count ? int32_t(held) : count;
+    std::memcpy(row, t.rawCursor, size_t(copied));
+    t.rawCursor += copied;
     t.rawLeft -= count;
     return 1;
 }
@@ -234,7 +248,8 @@ int32_t SeekToLine(uint32_t line) {
         const uint64_t delta = uint64_t(line - t.currentRow) * t.scanlineSize;
         const uint64_t left = t.rawLeft > 0 ? uint64_t(t.rawLeft) : 0;
         const uint64_t step = delta < left ? delta : left;
-        t.rawCursor += step;
+        const uint64_t held = t.rawHeldEnd > t.rawCursor ? uint64_t(t.rawHeldEnd - t.rawCursor) : 0;
+        t.rawCursor += step < held ? step : held;
         t.rawLeft = delta < left ? int32_t(left - delta) : 0;
         t.currentRow = line;
     }
@@ -252,17 +267,28 @@ int32_t LoadStrip(uint32_t strip) {
         ReportError(ReadTitle, t.messageBuffer, 0);
         return 0;
     }
-    if (count > t.stripBufferSize) {
+    // An uncompressed strip is read as far as the file holds it: the rows
+    // behind the file's end stay as the zeroed block has them (CopyLine), so
+    // the buffer never grows past the file whatever the strip claims.
+    int32_t held = count;
+    if (t.compression == TiffCompressionNone) {
+        const uint32_t offset = t.stripOffsets[strip];
+        const uint32_t inFile = offset < t.fileLength ? t.fileLength - offset : 0;
+        if (uint32_t(held) > inFile) held = int32_t(inFile);
+    }
+    if (held > t.stripBufferSize || held == 0) {
         t.currentStrip = TiffNoStrip;
-        const uint64_t size = (uint64_t(count) + StripBufferStep - 1) & ~uint64_t(StripBufferStep - 1);
+        const uint64_t size = (uint64_t(held > 0 ? held : 1) + StripBufferStep - 1) & ~uint64_t(StripBufferStep - 1);
         if (size > checked::MaxBlockBytes) return 0;
         if (!ResizeStripBuffer(int32_t(size))) return 0;
     }
     auto *buffer = static_cast<uint8_t *>(t.stripBuffer.pointer);
-    if (ReadStripBytes(strip, buffer, count) == -1) return 0;
+    const int32_t got = held > 0 ? ReadStripBytes(strip, buffer, held) : 0;
+    if (got == -1) return 0;
+    t.rawHeldEnd = buffer + (held < count ? got : count);
     // Bits of compressions 1, 5 and 32773 are put in order here, once per
     // load; the CCITT decoders read through BitOrderTable instead.
-    if (t.fillOrder != 1 && !t.isCcitt) ReverseBits(buffer, uint32_t(count));
+    if (t.fillOrder != 1 && !t.isCcitt) ReverseBits(buffer, uint32_t(count < held ? count : held));
     return StartStrip(strip);
 }
 
