@@ -239,7 +239,7 @@ int main(int argc, char **argv) {
                             coding.name, strips, size / 1024, ours.wall * 1e3, theirs.wall * 1e3, ours.cpu * 1e3,
                             theirs.cpu * 1e3, theirs.wall / ours.wall, theirs.cpu / ours.cpu, perChange);
                 std::fflush(stdout);
-                std::remove(path.c_str());
+                if (!std::getenv("TL_BENCH_KEEP")) std::remove(path.c_str());
             }
         Times floor;
         for (int r = 0; r < rounds; ++r) Round([&] { FloorLoad(page); }, seconds, floor);

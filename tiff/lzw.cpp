@@ -90,7 +90,7 @@ inline void CopySpan(uint8_t *to, const uint8_t *from, size_t n) {
 // of the chain that stands whole somewhere, whose bytes begin this one: that
 // is usually one link.  When the whole string goes into this row, it stands
 // whole from now on.
-inline bool WritePart(LzwEntry *e, uint32_t from, uint32_t n, uint8_t *out, bool fresh) {
+inline bool WritePart(LzwEntry *table, LzwEntry *e, uint32_t from, uint32_t n, uint8_t *out, bool fresh) {
     const uint32_t stop = from + n;
     if (e->where != nullptr) {
         if (fresh && stop == e->length) {
@@ -117,7 +117,7 @@ inline bool WritePart(LzwEntry *e, uint32_t from, uint32_t n, uint8_t *out, bool
             base[length - 1] = link->value;
             low = length - 1;
         }
-        link = link->prefix;
+        link = link->prefix == LzwNoPrefix ? nullptr : table + link->prefix;
     }
     if (low > from) return false;
     if (from == 0 && n == e->length) e->where = out;
@@ -145,7 +145,7 @@ int32_t LzwStartStrip() {
             s->table[i].value = uint8_t(i);
             s->table[i].firstChar = uint8_t(i);
             s->table[i].length = 1;
-            s->table[i].prefix = nullptr;
+            s->table[i].prefix = LzwNoPrefix;
             s->table[i].where = nullptr;
         }
     }
@@ -191,7 +191,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         LzwEntry *e = s->restartEntry;
         const uint32_t rest = e->length - s->restart;
         const uint32_t part = rest < uint32_t(left) ? rest : uint32_t(left);
-        WritePart(e, s->restart, part, out, false);
+        WritePart(s->table, e, s->restart, part, out, false);
         out += part;
         left -= int32_t(part);
         if (part < rest) {
@@ -273,7 +273,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         // the last CLEAR; its old contents are not used: the data end here.
         if (e > freeEntry) break;
 
-        freeEntry->prefix = oldEntry;
+        freeEntry->prefix = uint16_t(oldEntry - table);
         freeEntry->firstChar = oldEntry->firstChar;
         freeEntry->length = uint16_t(oldEntry->length + 1);
         freeEntry->value = e < freeEntry ? e->firstChar : freeEntry->firstChar;
@@ -299,7 +299,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         if (length <= left) {
             // The string stands whole before `out` (in this row or an
             // earlier one), so the copy never overlaps.
-            if (!WritePart(e, 0, uint32_t(length), out, fresh)) {
+            if (!WritePart(table, e, 0, uint32_t(length), out, fresh)) {
                 ReportRow("Unexpected code in line %ld");
                 break;
             }
@@ -311,7 +311,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         previous = nullptr;
         s->restartEntry = e;
         s->restart = uint32_t(left);
-        if (!WritePart(e, 0, uint32_t(left), out, fresh)) ReportRow("Unexpected code in line %ld");
+        if (!WritePart(table, e, 0, uint32_t(left), out, fresh)) ReportRow("Unexpected code in line %ld");
         left = 0;
         break;
     }

@@ -11,12 +11,13 @@
 // last byte, and where the string already stands whole in the rows of the
 // strip, so that it can be written again with one copy.
 struct LzwEntry {
-    LzwEntry *prefix;      // the string without its last byte; null for one byte
     const uint8_t *where;  // its bytes in an earlier row or earlier in this one; null when in no one piece
+    uint16_t prefix;       // entry of the string without its last byte; LzwNoPrefix for one byte
     uint16_t length;       // bytes of the whole string
     uint8_t value;         // its last byte
     uint8_t firstChar;     // its first byte
 };
+constexpr uint16_t LzwNoPrefix = 0xFFFF;
 
 constexpr uint32_t LzwTableSize = 4096;
 constexpr uint32_t LzwCodeClear = 256;
