@@ -5,7 +5,9 @@
 #include <cstring>
 #include <string>
 #include <unistd.h>
+#include <vector>
 
+#include "platform/win32.h"
 #include "tolimage.h"
 #include "tolimage_posix.h"
 
@@ -16,86 +18,189 @@ const std::string &ScratchPath() {
     if (path.empty()) {
         char pattern[] = "/dev/shm/tolimage-fuzz-XXXXXX";
         int fd = mkstemp(pattern);
+        if (fd < 0) {
+            strcpy(pattern, "/tmp/tolimage-fuzz-XXXXXX");
+            fd = mkstemp(pattern);
+        }
         if (fd >= 0) close(fd);
         path = pattern;
     }
     return path;
 }
 
+void Check(bool good, const char *what) {
+    if (good) return;
+    fprintf(stderr, "harness check failed: %s\n", what);
+    abort();
+}
+
+uint32_t U32(const volatile uint8_t *p) { return p[0] | p[1] << 8 | p[2] << 16 | uint32_t(p[3]) << 24; }
+uint16_t U16(const volatile uint8_t *p) { return uint16_t(p[0] | p[1] << 8); }
+
+// Reads every byte the bitmap's header claims: header, palette and, for
+// an uncompressed bitmap, its rows.  A claim beyond the block aborts.
+void TouchBitmap(TL_HANDLE block) {
+    const uintptr_t size = GlobalSize(block);
+    auto *bytes = static_cast<const volatile uint8_t *>(GlobalLock(block));
+    Check(bytes != nullptr && size >= 40, "a returned bitmap holds its header");
+    const int32_t width = int32_t(U32(bytes + 4)), height = int32_t(U32(bytes + 8));
+    const uint32_t bits = U16(bytes + 14), compression = U32(bytes + 16), colours = U32(bytes + 32);
+    const uint32_t sizeImage = U32(bytes + 20);
+    uint64_t claimed = 40 + uint64_t(colours) * 4;
+    // biSizeImage, where it is given, is the pixels' size: a BMP file's own
+    // may be smaller than its rows, and the block then holds just that much.
+    if (sizeImage != 0) {
+        claimed += sizeImage;
+    } else if (compression == 0 && width > 0) {
+        const uint64_t rows = height < 0 ? uint64_t(-int64_t(height)) : uint64_t(height);
+        claimed += (uint64_t(width) * bits + 31) / 32 * 4 * rows;
+    }
+    Check(claimed <= size, "a returned bitmap holds what its header claims");
+    uint8_t sum = 0;
+    for (uint64_t i = 0; i < claimed; ++i) sum = uint8_t(sum + bytes[i]);
+    (void)sum;
+    GlobalUnlock(block);
+}
+
 void Load(const std::string &path, int32_t number) {
     char name[260] = {};
     strncpy(name, path.c_str(), sizeof name - 1);
-    TL_HANDLE block = TL_IMAGE_E(name, number);
-    if (block) {
-        // Touch every byte the header claims, so an undersized block shows.
-        auto *bytes = static_cast<volatile uint8_t *>(GlobalLock(block));
-        uint8_t sum = 0;
-        for (size_t i = 0; i < 40; ++i) sum = uint8_t(sum + bytes[i]);
-        (void)sum;
-        GlobalUnlock(block);
+    if (TL_HANDLE block = TL_IMAGE_E(name, number)) {
+        TouchBitmap(block);
         GlobalFree(block);
     }
 }
 
-// Reads every raster byte the record claims, so a raster that promises
-// more rows than its block holds shows.
-void TouchRaster(const uint8_t *record) {
+// Reads every raster byte the record claims: the raster's sides are never
+// negative, and its rows fit the block the export returned.
+void TouchRaster(const uint8_t *record, TL_HANDLE block) {
     auto address = [&](int offset) {
         uint32_t value = 0;
         for (int i = 3; i >= 0; --i) value = value << 8 | record[offset + i];
         return reinterpret_cast<const volatile uint8_t *>(uintptr_t(value));
     };
+    Check(record[TL_RECORD_TAG] == 'a' && record[TL_RECORD_TAG + 1] == '1', "the record's tag");
     const volatile uint8_t *raster = address(TL_RECORD_RASTER);
-    const int32_t rows = int16_t(raster[0] | raster[1] << 8), columns = int16_t(raster[2] | raster[3] << 8);
-    if (rows < 0 || columns < 0) abort();  // the raster's sides are never negative
-    const size_t bytes = size_t(rows) * size_t((columns + 7) / 8);
-    const volatile uint8_t *pixels = address(TL_RECORD_PIXELS);
+    const int32_t rows = int16_t(U16(raster)), columns = int16_t(U16(raster + 2));
+    Check(rows >= 0 && columns >= 0, "the raster's sides are never negative");
+    const uint64_t bytes = 4 + uint64_t(rows) * uint64_t((columns + 7) / 8);
+    Check(bytes <= GlobalSize(block), "the raster fits its block");
+    Check(address(TL_RECORD_PIXELS) == raster + 4, "the pixels follow the raster's sides");
     uint8_t sum = 0;
-    for (size_t i = 0; i < bytes; ++i) sum = uint8_t(sum + pixels[i]);
+    for (uint64_t i = 0; i < bytes; ++i) sum = uint8_t(sum + raster[i]);
     (void)sum;
 }
 
-// The hand-over: the file through the record, and the bytes behind a BMP
-// file header as a bitmap the host holds.
-void HandOver(const std::string &path, const uint8_t *data, size_t size) {
+using RecordExport = TL_HANDLE(TL_CALL *)(void *, char *, int32_t);
+using BitmapExport = TL_HANDLE(TL_CALL *)(void *, TL_HANDLE);
+
+void LoadIntoRecord(const std::string &path, RecordExport load) {
     uint8_t record[TL_RECORD_MIN_SIZE] = {};
     char name[260] = {};
     strncpy(name, path.c_str(), sizeof name - 1);
-    TL_HANDLE block = TLC_IMAGE_E(record, name, 0);
-    if (block) {
-        TouchRaster(record);
+    if (TL_HANDLE block = load(record, name, 0)) {
+        TouchRaster(record, block);
         GlobalUnlock(block);
         GlobalFree(block);
     }
-    if (size <= 14) return;
-    TL_HANDLE host = GlobalAlloc(GHND, size - 14);
+}
+
+// `bytes` as a bitmap in a block the host owns, handed over; the host's
+// block is freed after.
+void HandBitmap(const uint8_t *bytes, size_t size, BitmapExport hand) {
+    if (size == 0) return;
+    TL_HANDLE host = GlobalAlloc(GHND, size);
     if (!host) return;
-    memcpy(GlobalLock(host), data + 14, size - 14);
+    memcpy(GlobalLock(host), bytes, size);
     GlobalUnlock(host);
+    uint8_t record[TL_RECORD_MIN_SIZE] = {};
     TL_CLEARERROR_E();
-    TL_HANDLE raster = TLC_BITMAP_E(record, host);
-    if (raster) {
-        TouchRaster(record);
+    if (TL_HANDLE raster = hand(record, host)) {
+        TouchRaster(record, raster);
         GlobalUnlock(raster);
         GlobalFree(raster);
     }
     GlobalFree(host);
 }
 
+// The bytes with the format's magic over their start.
+std::vector<uint8_t> WithMagic(Harness harness, const uint8_t *data, size_t size) {
+    std::vector<uint8_t> bytes(data, data + size);
+    auto put = [&](const char *magic, size_t n) {
+        if (bytes.size() < n) bytes.resize(n);
+        memcpy(bytes.data(), magic, n);
+    };
+    switch (harness) {
+    case Harness::Bmp: put("BM", 2); break;
+    case Harness::Pcx: put("\x0A", 1); break;
+    case Harness::Ras: put(size > 4 && (data[4] & 1) ? "bimp" : "bild", 4); break;
+    case Harness::Tiff: put(size > 0 && (data[0] & 1) ? "MM\0*" : "II*\0", 4); break;
+    default: break;
+    }
+    return bytes;
+}
+
 }  // namespace
 
-void RunImageHarness(const uint8_t *data, size_t size) {
-    ERROR_FLAGS_E(1, 0, 1, nullptr);
-    const std::string &path = ScratchPath();
-    FILE *file = fopen(path.c_str(), "wb");
-    if (!file) return;
-    if (size) fwrite(data, 1, size, file);
-    fclose(file);
-
-    Load(path, 0);
-    for (int step = 0; step < 4; ++step) Load(path, -1);
-    Load(path, 2);
-    HandOver(path, data, size);
-    TL_IMAGE_E(nullptr, 0);  // forget any walk still open
-    TL_CLEARERROR_E();
+Harness HarnessNamed(const char *name) {
+    const struct { const char *name; Harness harness; } names[] = {
+        {"bmp", Harness::Bmp}, {"pcx", Harness::Pcx}, {"ras", Harness::Ras}, {"tiff", Harness::Tiff},
+        {"fax", Harness::Tiff}, {"tiff_libtiff", Harness::Tiff}, {"record", Harness::Record},
+        {"bitmap", Harness::Bitmap},
+    };
+    for (const auto &n : names)
+        if (strcmp(name, n.name) == 0) return n.harness;
+    return Harness::Image;
 }
+
+void RunHarness(Harness harness, const uint8_t *data, size_t size) {
+    ERROR_FLAGS_E(1, 0, 1, nullptr);
+    TL_IMAGE_E(nullptr, 0);  // no walk left from before
+    const int32_t blocks = platform::LiveBlocks(), files = platform::OpenFiles();
+    const std::string &path = ScratchPath();
+    if (harness == Harness::Bitmap) {
+        HandBitmap(data, size, TLC_BITMAP_E);
+        HandBitmap(data, size, TLL_BITMAP_E);
+        HandBitmap(data, size, TLP_BITMAP_E);
+    } else {
+        const std::vector<uint8_t> bytes = WithMagic(harness, data, size);
+        FILE *file = fopen(path.c_str(), "wb");
+        if (!file) return;
+        if (!bytes.empty()) fwrite(bytes.data(), 1, bytes.size(), file);
+        fclose(file);
+        switch (harness) {
+        case Harness::Record:
+            LoadIntoRecord(path, TLC_IMAGE_E);
+            LoadIntoRecord(path, TLL_IMAGE_E);
+            LoadIntoRecord(path, TLP_IMAGE_E);
+            break;
+        case Harness::Ras:
+            Load(path, 0);
+            for (int step = 0; step < 6; ++step) Load(path, -1);
+            Load(path, 1);
+            Load(path, 3);
+            Load(path, -1);
+            Load(path, 2);  // a numbered read in the middle of a walk
+            break;
+        case Harness::Image:
+            Load(path, 0);
+            for (int step = 0; step < 4; ++step) Load(path, -1);
+            Load(path, 2);
+            LoadIntoRecord(path, TLC_IMAGE_E);
+            if (bytes.size() > 14) HandBitmap(bytes.data() + 14, bytes.size() - 14, TLC_BITMAP_E);
+            break;
+        default:
+            Load(path, 0);
+            Load(path, -1);
+            Load(path, -1);
+            LoadIntoRecord(path, TLC_IMAGE_E);
+            break;
+        }
+    }
+    TL_IMAGE_E(nullptr, 0);  // forget any walk still open, and close its file
+    TL_CLEARERROR_E();
+    Check(platform::LiveBlocks() == blocks, "no block is left behind");
+    Check(platform::OpenFiles() == files, "no file is left open");
+}
+
+void RunImageHarness(const uint8_t *data, size_t size) { RunHarness(Harness::Image, data, size); }

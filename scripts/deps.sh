@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
 # Installs what the build needs, from Debian's packages, when it is missing.
 #   deps.sh            compiler, CMake, GoogleTest
-#   deps.sh fuzz       and clang with its libFuzzer runtime
+#   deps.sh fuzz       and clang with its libFuzzer runtime, and libtiff (the differential target's peer)
 #   deps.sh bench      and Google Benchmark with libtiff (the peer measured)
 #   deps.sh package    and dpkg-dev, for cpack's Debian package
 set -euo pipefail
 packages=(cmake make g++ libgtest-dev binutils pkg-config)
 for extra in "$@"; do
   case "$extra" in
-    fuzz) packages+=(clang libclang-rt-14-dev) ;;
+    fuzz) packages+=(clang libclang-rt-14-dev libtiff-dev pkg-config) ;;
     bench) packages+=(libbenchmark-dev libtiff-dev) ;;
     package) packages+=(dpkg-dev) ;;
   esac
