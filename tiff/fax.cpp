@@ -57,7 +57,11 @@ void FaxReportUnexpectedCode() {
     ReportError("TIFF Read", TiffImage.messageBuffer, 0);
 }
 
+uint32_t FaxZeroRunsDropped = 0;
+uint32_t FaxZeroRunWidth = 0;
+
 void FaxStart(uint16_t scheme) {
+    FaxZeroRunWidth = TiffImage.imageWidth;
     TiffImage.ccittBlock = MemoryBlock{0, 0, nullptr};
     faxState = nullptr;
     faxScheme = scheme;
