@@ -77,6 +77,30 @@ bool DecodeWithLibtiff(const uint8_t *data, size_t size, uint32_t &width, uint32
     return ok && !complained;
 }
 
+// True when a tag of the first directory that TolImage reads as a number
+// has a type other than SHORT or LONG: TolImage leaves such a field at its
+// default, libtiff converts BYTE, SBYTE and the other integer types.
+bool HasOtherTypedNumber(const uint8_t *data, size_t size) {
+    const bool mm = data[0] == 'M';
+    auto u16 = [&](size_t at) { return uint16_t(mm ? data[at] << 8 | data[at + 1] : data[at] | data[at + 1] << 8); };
+    auto u32 = [&](size_t at) {
+        return mm ? uint32_t(data[at]) << 24 | data[at + 1] << 16 | data[at + 2] << 8 | data[at + 3]
+                  : uint32_t(data[at + 3]) << 24 | data[at + 2] << 16 | data[at + 1] << 8 | data[at];
+    };
+    const uint32_t directory = u32(4);
+    if (uint64_t(directory) + 2 > size) return false;
+    const uint16_t count = u16(directory);
+    for (uint32_t i = 0; i < count && uint64_t(directory) + 2 + (i + 1) * 12 <= size; ++i) {
+        const size_t entry = directory + 2 + size_t(i) * 12;
+        const uint16_t tag = u16(entry), type = u16(entry + 2);
+        const bool number = tag == 256 || tag == 257 || tag == 258 || tag == 259 || tag == 262 || tag == 266 ||
+                            tag == 273 || tag == 277 || tag == 278 || tag == 279 || tag == 284 || tag == 292 ||
+                            tag == 293 || tag == 296 || tag == 317;
+        if (number && type != 3 && type != 4) return true;
+    }
+    return false;
+}
+
 std::string ScratchFile() {
     char pattern[] = "/dev/shm/tolimage-diff-XXXXXX";
     int fd = mkstemp(pattern);
@@ -94,7 +118,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 8 || !((data[0] == 'I' && data[1] == 'I') || (data[0] == 'M' && data[1] == 'M'))) return 0;
     uint32_t width = 0, height = 0;
     std::vector<uint8_t> theirs;
-    if (!DecodeWithLibtiff(data, size, width, height, theirs)) return 0;
+    if (HasOtherTypedNumber(data, size) || !DecodeWithLibtiff(data, size, width, height, theirs)) return 0;
 
     static const std::string path = ScratchFile();
     FILE *file = fopen(path.c_str(), "wb");
