@@ -16,7 +16,7 @@ namespace {
 uint32_t Le32(const uint8_t *p) { return p[0] | (p[1] << 8) | (p[2] << 16) | (uint32_t(p[3]) << 24); }
 uint16_t Le16(const uint8_t *p) { return uint16_t(p[0] | (p[1] << 8)); }
 
-void PrintReport(const char *title, const char *text, int32_t withSystemText) {
+void TL_CALL PrintReport(const char *title, const char *text, int32_t withSystemText) {
     (void)withSystemText;
     fprintf(stderr, "tolimage: %s: %s\n", title, text);
 }
@@ -149,7 +149,7 @@ bool WriteBitmap(const Bitmap &bitmap, const std::string &path) {
     return bool(out);
 }
 
-TL_HANDLE LoadImage(const std::string &path, int32_t number, std::string *chosen) {
+TL_HANDLE LoadImageFile(const std::string &path, int32_t number, std::string *chosen) {
     // The library may put the path the user chose into the name: hand it a
     // buffer of the size of a path.
     std::vector<char> name(std::max<size_t>(path.size() + 1, 260), '\0');

@@ -47,6 +47,6 @@ bool WriteBitmap(const Bitmap &bitmap, const std::string &path);
 // Loads image `number` of `path` (a copy of the name is handed over, so the
 // library may write the path the user chose into it; `chosen` receives the
 // name the image came from).  0 when there is none.
-TL_HANDLE LoadImage(const std::string &path, int32_t number, std::string *chosen = nullptr);
+TL_HANDLE LoadImageFile(const std::string &path, int32_t number, std::string *chosen = nullptr);
 
 }  // namespace cli

@@ -100,7 +100,7 @@ int Info(int count, char **files) {
     int status = 0;
     for (int i = 0; i < count; ++i) {
         std::string path = files[i];
-        TL_HANDLE block = cli::LoadImage(path, 0, &path);
+        TL_HANDLE block = cli::LoadImageFile(path, 0, &path);
         cli::Bitmap bitmap;
         if (!block || !cli::CopyBitmap(block, bitmap)) {
             if (block) GlobalFree(block);
@@ -126,7 +126,7 @@ int Info(int count, char **files) {
 }
 
 int Convert(const std::string &path, const std::string &out) {
-    TL_HANDLE block = cli::LoadImage(path, 0);
+    TL_HANDLE block = cli::LoadImageFile(path, 0);
     if (!block) return 1;
     cli::Bitmap bitmap;
     bool copied = cli::CopyBitmap(block, bitmap);

@@ -10,9 +10,8 @@
 #include <cstring>
 #include <string>
 #include <vector>
-#include <sys/ioctl.h>
-#include <unistd.h>
 
+#include "platform/terminal.h"
 #include "tolimage_posix.h"
 
 namespace {
@@ -83,9 +82,8 @@ int TerminalColumns() {
         const int value = std::atoi(env);
         if (value > 0 && value <= MaxColumns) return value;
     }
-    winsize size{};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
-    return DefaultColumns;
+    const int columns = platform::StdoutColumns();
+    return columns > 0 ? columns : DefaultColumns;
 }
 
 // Quadrant characters indexed by upper-left 1, upper-right 2, lower-left 4,
@@ -172,7 +170,7 @@ int ShowCommand(const char *file) {
     // Black on white when drawing to a terminal that takes colours, so the
     // page looks as on paper whatever the terminal's own colours are.
     const char *term = std::getenv("TERM");
-    const bool colour = isatty(STDOUT_FILENO) && !std::getenv("NO_COLOR") && !(term && std::strcmp(term, "dumb") == 0);
+    const bool colour = platform::StdoutIsTerminal() && !std::getenv("NO_COLOR") && !(term && std::strcmp(term, "dumb") == 0);
     printf("%s: %d x %d\n", file, int(view.columns), int(view.rows));
     if (view.columns > 0) Draw(view, columns, colour);
     ReleaseHostView(view);

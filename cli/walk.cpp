@@ -8,9 +8,9 @@
 #include "cli/walk.h"
 
 #include <cstdio>
-#include <unistd.h>
 
 #include "cli/image_file.h"
+#include "platform/terminal.h"
 #include "tolimage_posix.h"
 
 namespace cli {
@@ -21,11 +21,11 @@ namespace {
 // the file cannot be read at all.  A missing file is refused here: the
 // library would offer its file dialog for every call of the walk.
 bool StartAfresh(const std::string &file) {
-    if (access(file.c_str(), F_OK) != 0) {
+    if (!platform::FileExists(file.c_str())) {
         fprintf(stderr, "tolimage: %s: no such file\n", file.c_str());
         return false;
     }
-    TL_HANDLE first = LoadImage(file, 0);
+    TL_HANDLE first = LoadImageFile(file, 0);
     if (first) GlobalFree(first);
     if (TL_ERRORSTATUS_E()) return false;
     TL_IMAGE_E(nullptr, 0);
@@ -48,7 +48,7 @@ std::string NumberedName(const std::string &out, int32_t number) {
 int32_t CountImages(const char *file) {
     if (!StartAfresh(file)) return -1;
     int32_t count = 0;
-    while (TL_HANDLE block = LoadImage(file, -1)) {
+    while (TL_HANDLE block = LoadImageFile(file, -1)) {
         GlobalFree(block);
         ++count;
     }
@@ -59,7 +59,7 @@ int ConvertAll(const char *file, const char *out) {
     if (!StartAfresh(file)) return 1;
     int32_t number = 0;
     int status = 0;
-    while (TL_HANDLE block = LoadImage(file, -1)) {
+    while (TL_HANDLE block = LoadImageFile(file, -1)) {
         Bitmap bitmap;
         bool copied = CopyBitmap(block, bitmap);
         GlobalFree(block);

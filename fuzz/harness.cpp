@@ -4,7 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <unistd.h>
+#include <filesystem>
+#include <random>
 #include <vector>
 
 #include "platform/win32.h"
@@ -16,14 +17,15 @@ namespace {
 const std::string &ScratchPath() {
     static std::string path;
     if (path.empty()) {
-        char pattern[] = "/dev/shm/tolimage-fuzz-XXXXXX";
-        int fd = mkstemp(pattern);
-        if (fd < 0) {
-            strcpy(pattern, "/tmp/tolimage-fuzz-XXXXXX");
-            fd = mkstemp(pattern);
-        }
-        if (fd >= 0) close(fd);
-        path = pattern;
+        // In memory where the system offers it, else the temporary folder;
+        // a random name, so that parallel fuzzers keep apart.
+        std::error_code error;
+        std::filesystem::path folder = "/dev/shm";
+        if (!std::filesystem::is_directory(folder, error)) folder = std::filesystem::temp_directory_path(error);
+        std::random_device random;
+        char name[40];
+        snprintf(name, sizeof name, "tolimage-fuzz-%08x%08x", random(), random());
+        path = (folder / name).string();
     }
     return path;
 }

@@ -22,7 +22,8 @@
 #define TOLIMAGE_VERSION_STRING "3.3.0"
 
 #if defined(_WIN32)
-#define TL_API __declspec(dllexport)
+/* tolimage.dll names its exports in a module-definition file, undecorated. */
+#define TL_API
 #define TL_CALL __stdcall
 #else
 #define TL_API __attribute__((visibility("default")))
@@ -37,8 +38,10 @@ extern "C" {
 typedef void *TL_HANDLE;
 
 /* The host's error callback: the title, the text and whether the system's
-   text of the last failed call belongs to the report. */
-typedef void (*TL_ERROR_CALLBACK)(const char *title, const char *text, int32_t withSystemText);
+   text of the last failed call belongs to the report.  Like the exports,
+   the callbacks a host gives the library use TL_CALL (__stdcall on
+   Windows), so that a host in any language declares them one way. */
+typedef void(TL_CALL *TL_ERROR_CALLBACK)(const char *title, const char *text, int32_t withSystemText);
 
 /*
  * Byte layout of the bitmap block (a packed DIB): a 40-byte little-endian

@@ -1,20 +1,30 @@
 /*
- * tolimage_posix.h - the platform calls a host needs when TolImage runs on
- * POSIX, where Win32 does not provide them.
+ * tolimage_posix.h - the platform calls a host needs beside tolimage.h.
  *
  * A host reads the blocks the library returns, frees them, and builds
- * bitmap blocks of its own for the TLx_BITMAP_E exports with these calls.
- * They behave as their Win32 namesakes do.  Every block's address fits in
- * 32 bits, so that the host record can hold it.
+ * bitmap blocks of its own for the TLx_BITMAP_E exports with the GlobalAlloc
+ * family, and it reads the quit message a report may leave with
+ * PeekMessageA.  On Windows these are the system's own and this header
+ * takes them from <windows.h>.  On POSIX, where there is no Win32, the
+ * library exports them, and they behave as their Win32 namesakes do; every
+ * block's address fits in 32 bits, so that the host record can hold it.
+ *
+ * On both, TlSetFileDialog installs a host's own file dialog.
  */
 #ifndef TOLIMAGE_POSIX_H
 #define TOLIMAGE_POSIX_H
 
 #include "tolimage.h"
 
+#if defined(_WIN32)
+#include <windows.h>
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
+
+#if !defined(_WIN32)
 
 #define GMEM_FIXED 0x0000u
 #define GMEM_MOVEABLE 0x0002u
@@ -77,13 +87,15 @@ TL_API int32_t PeekMessageA(MSG *msg, void *window, uint32_t first, uint32_t las
    0 on failure. */
 TL_API int32_t PostMessageA(void *window, uint32_t message, uintptr_t wParam, intptr_t lParam);
 
+#endif /* !_WIN32 */
+
 /*
  * The file dialog.  When a named file does not exist the library asks the
- * user for another one.  On POSIX there is no system dialog: a host with a
- * user interface installs its own with TlSetFileDialog, and a script or test
- * installs one that answers as it likes.  Without one the library asks on
- * the process's terminal when it has one in the foreground, and otherwise
- * cancels at once.
+ * user for another one.  A host installs its own dialog with
+ * TlSetFileDialog, and a script or test installs one that answers as it
+ * likes.  Without one, Windows shows the system's open dialog; POSIX has
+ * none, so the library asks on the process's terminal when it has one in
+ * the foreground, and otherwise cancels at once.
  */
 typedef struct TL_FILE_REQUEST {
     uint32_t size;             /* sizeof(TL_FILE_REQUEST) */
@@ -105,11 +117,11 @@ typedef struct TL_FILE_REQUEST {
 
 /* The host's dialog: 1 when the user chose a file (its path in
    request->file; a relative path counts from initialDir), 0 on a cancel. */
-typedef int32_t (*TL_FILE_DIALOG)(TL_FILE_REQUEST *request);
+typedef int32_t(TL_CALL *TL_FILE_DIALOG)(TL_FILE_REQUEST *request);
 
 /* TlSetFileDialog - installs the host's dialog (NULL: back to the terminal
    or a cancel); returns the one installed before. */
-TL_API TL_FILE_DIALOG TlSetFileDialog(TL_FILE_DIALOG dialog);
+TL_API TL_FILE_DIALOG TL_CALL TlSetFileDialog(TL_FILE_DIALOG dialog);
 
 #ifdef __cplusplus
 }

@@ -1,12 +1,55 @@
 // win32.h - the Win32 calls the library stands on.
 //
-// On Windows these are the system's own.  On POSIX the files of this folder
-// supply them, each doing what the library requires of the call and no
-// more.  Only this folder knows which of the two is in use.
+// On Windows these are the system's own, from <windows.h>.  On POSIX the
+// files of platform/posix supply them, each doing what the library requires
+// of the call and no more.  Only this folder knows which of the two is in
+// use: this header is where that is decided.
 #pragma once
 
 #include <cstdint>
 #include <cstddef>
+
+#if defined(_WIN32)
+
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <windows.h>
+#include <commdlg.h>
+#include <io.h>
+#include <cstdlib>
+
+#include "tolimage_posix.h"
+
+// The test build counts what the library holds (see platform/windows/
+// counting.cpp); these names then lead to the counting layer, which calls
+// the system.  The library shipped to hosts calls the system directly.
+#if defined(TL_COUNT_CALLS) && !defined(TL_COUNTING_LAYER)
+extern "C" {
+HGLOBAL WINAPI TlCountedGlobalAlloc(UINT flags, SIZE_T bytes);
+LPVOID WINAPI TlCountedGlobalLock(HGLOBAL block);
+HGLOBAL WINAPI TlCountedGlobalFree(HGLOBAL block);
+HLOCAL WINAPI TlCountedLocalAlloc(UINT flags, SIZE_T bytes);
+LPVOID WINAPI TlCountedLocalLock(HLOCAL block);
+HLOCAL WINAPI TlCountedLocalFree(HLOCAL block);
+HANDLE WINAPI TlCountedCreateFileA(LPCSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
+                                   DWORD disposition, DWORD attributes, HANDLE templateFile);
+BOOL WINAPI TlCountedCloseHandle(HANDLE file);
+}
+#define GlobalAlloc TlCountedGlobalAlloc
+#define GlobalLock TlCountedGlobalLock
+#define GlobalFree TlCountedGlobalFree
+#define LocalAlloc TlCountedLocalAlloc
+#define LocalLock TlCountedLocalLock
+#define LocalFree TlCountedLocalFree
+#define CreateFileA TlCountedCreateFileA
+#define CloseHandle TlCountedCloseHandle
+#endif
+
+#else  // POSIX
 
 #include "tolimage_posix.h"
 
@@ -86,32 +129,6 @@ int _access(const char *name, int mode);
 // it does not fit `size` bytes.  The file need not exist.
 char *_fullpath(char *buffer, const char *name, size_t size);
 
-// ---- one caller at a time ----
-namespace platform {
-// The library's state is one per process.  Every export holds this lock
-// for the length of its call, so that calls from several threads run one
-// after another.  The lock is re-entrant: a host's error callback or file
-// dialog, called while an export holds it, may call an export again.
-struct ExportLock {
-    ExportLock();
-    ~ExportLock();
-    ExportLock(const ExportLock &) = delete;
-    ExportLock &operator=(const ExportLock &) = delete;
-};
-}  // namespace platform
-
-// ---- for tests: what the process holds now ----
-namespace platform {
-int32_t LiveBlocks();   // Global and Local blocks not yet freed
-int32_t OpenFiles();    // CreateFileA handles not yet closed
-// The n-th allocation (GlobalAlloc, LocalAlloc) or lock of a movable block
-// from now on fails as out of memory, once; 0 fails none.  So that the
-// failure paths of the callers can be walked one by one.  Each returns
-// what was left of the count it replaces: 0 once that failure came.
-int32_t FailAllocation(int32_t n);
-int32_t FailLock(int32_t n);
-}  // namespace platform
-
 // ==== file dialogs and profile (platform/dialog.cpp, platform/profile.cpp) ====
 // The common dialog record in its version 4.00 form, the field list that
 // has lStructSize 76 on 32-bit Windows.  On a 64-bit build the same fields
@@ -173,3 +190,39 @@ BOOL WritePrivateProfileStringA(const char *section, const char *key, const char
 // closing "/"), name and extension (with its leading ".").  Each output may
 // be NULL and takes up to 260 bytes; longer parts are cut.
 void _splitpath(const char *path, char *drive, char *directory, char *name, char *extension);
+
+#endif  // POSIX
+
+// ---- one caller at a time ----
+namespace platform {
+// The library's state is one per process.  Every export holds this lock
+// for the length of its call, so that calls from several threads run one
+// after another.  The lock is re-entrant: a host's error callback or file
+// dialog, called while an export holds it, may call an export again.
+struct ExportLock {
+    ExportLock();
+    ~ExportLock();
+    ExportLock(const ExportLock &) = delete;
+    ExportLock &operator=(const ExportLock &) = delete;
+};
+}  // namespace platform
+
+// ---- for tests: what the process holds now ----
+namespace platform {
+int32_t LiveBlocks();   // Global and Local blocks not yet freed
+int32_t OpenFiles();    // CreateFileA handles not yet closed
+// The n-th allocation (GlobalAlloc, LocalAlloc) or lock of a movable block
+// from now on fails as out of memory, once; 0 fails none.  So that the
+// failure paths of the callers can be walked one by one.  Each returns
+// what was left of the count it replaces: 0 once that failure came.
+int32_t FailAllocation(int32_t n);
+int32_t FailLock(int32_t n);
+}  // namespace platform
+
+namespace platform {
+// Asks the user for a file: the save dialog when `save`, else the open
+// dialog.  A host's own dialog, installed with TlSetFileDialog, comes first;
+// without one it is the system's dialog (on POSIX the terminal, or a cancel
+// where there is none).  Not 0 when the user confirmed.
+BOOL ShowFileDialog(OPENFILENAMEA *record, bool save);
+}  // namespace platform

@@ -4,13 +4,16 @@
 #   deps.sh fuzz       and clang with its libFuzzer runtime, and libtiff (the differential target's peer)
 #   deps.sh bench      and Google Benchmark with libtiff (the peer measured)
 #   deps.sh package    and dpkg-dev, for cpack's Debian package
+#   deps.sh windows    and mingw-w64, wine64 and GoogleTest's sources, for the Windows build
 set -euo pipefail
 packages=(cmake make g++ libgtest-dev binutils pkg-config)
+recommends=""  # Wine recommends a desktop's worth of packages it does not need here
 for extra in "$@"; do
   case "$extra" in
     fuzz) packages+=(clang libclang-rt-14-dev libtiff-dev pkg-config) ;;
     bench) packages+=(libbenchmark-dev libtiff-dev) ;;
     package) packages+=(dpkg-dev) ;;
+    windows) packages+=(mingw-w64 wine64 googletest); recommends=--no-install-recommends ;;
   esac
 done
 missing=()
@@ -22,5 +25,5 @@ if [ ${#missing[@]} -gt 0 ]; then
   sudo_cmd=""
   [ "$(id -u)" = 0 ] || sudo_cmd=sudo
   $sudo_cmd apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -qq "${missing[@]}" >/dev/null
+  DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -qq $recommends "${missing[@]}" >/dev/null
 fi

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-struct MSG;
+#include "platform/win32.h"
 
 // 1 when the user has asked to stop: an abort key or a quit message among
 // the first 10 waiting messages (all put back), or an abort seen before.

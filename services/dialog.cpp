@@ -205,7 +205,7 @@ int32_t SelectFileDialog(char *buffer, const char *filters, uint32_t flags, cons
 
     if (!taken) {
         record.nFilterIndex = ChooseFilter(filters, name, extension);
-        const BOOL confirmed = (flags & DialogOpen) ? GetOpenFileNameA(&record) : GetSaveFileNameA(&record);
+        const BOOL confirmed = platform::ShowFileDialog(&record, (flags & DialogOpen) == 0);
         CopySpan(remembered, file, file + (DialogPathBytes - 1), DialogPathBytes);
         if (!confirmed) return 0;
     }

@@ -5,11 +5,19 @@ set -u
 tool=$1 samples=$2 fixtures=$3
 out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT
+# A tool built for another system runs through its emulator (Wine).
+if [ -n "${TL_EMULATOR:-}" ]; then
+    printf '#!/bin/sh\nexec "%s" "%s" "$@"\n' "$TL_EMULATOR" "$tool" >"$out/tool"
+    chmod +x "$out/tool"
+    tool=$out/tool
+fi
 fail=0
 expect() {  # expect STATUS COMMAND...
     local want=$1; shift
     "$@" >"$out/stdout" 2>"$out/stderr" </dev/null
     local got=$?
+    # Windows ends the lines of a console program's output with CR LF.
+    [ -z "${TL_EMULATOR:-}" ] || sed -i 's/\r$//' "$out/stdout" "$out/stderr"
     if [ "$got" != "$want" ]; then
         echo "FAIL: '$*' gave $got, expected $want"; cat "$out/stdout" "$out/stderr"; fail=1
     fi

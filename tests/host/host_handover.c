@@ -8,7 +8,7 @@
 #include "host_check.h"
 
 
-static void Heard(const char *title, const char *text, int32_t withSystemText) {
+static void TL_CALL Heard(const char *title, const char *text, int32_t withSystemText) {
     (void)withSystemText;
     fprintf(stderr, "report: %s: %s\n", title, text);
     ++failures;

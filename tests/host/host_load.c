@@ -9,7 +9,7 @@
 static int heard = 0;
 static char lastText[600];
 
-static void Heard(const char *title, const char *text, int32_t withSystemText) {
+static void TL_CALL Heard(const char *title, const char *text, int32_t withSystemText) {
     (void)title;
     (void)withSystemText;
     ++heard;

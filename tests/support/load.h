@@ -18,12 +18,16 @@ inline TL_HANDLE Load(const std::string &path, int32_t number = 0) {
 }
 
 // The reports heard so far, each as "title: text (withSystemText)" with
-// `path` in the text written "@"; the recorder forgets them.
+// `path` in the text written "@", as given or in the full form that the
+// library reports; the recorder forgets them.
 inline std::vector<std::string> Heard(Recorder &recorder, const std::string &path = "") {
     std::vector<std::string> out;
+    const std::string full = path.empty() ? path : FullPath(path);
     for (Report &r : recorder.reports) {
-        if (size_t at = path.empty() ? std::string::npos : r.text.find(path); at != std::string::npos)
-            r.text.replace(at, path.size(), "@");
+        for (const std::string *form : {&path, &full}) {
+            if (size_t at = form->empty() ? std::string::npos : r.text.find(*form); at != std::string::npos)
+                r.text.replace(at, form->size(), "@");
+        }
         out.push_back(r.title + ": " + r.text + " (" + std::to_string(r.withSystemText) + ")");
     }
     recorder.reports.clear();

@@ -4,7 +4,8 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <unistd.h>
+#include <filesystem>
+#include <random>
 
 #include "platform/win32.h"
 #include "tolimage_posix.h"
@@ -36,14 +37,35 @@ void WriteText(const std::string &path, const std::string &text) {
     std::ofstream(path, std::ios::binary) << text;
 }
 
+std::string FullPath(const std::string &path) {
+    char full[260];
+    return _fullpath(full, path.c_str(), sizeof full) ? std::string(full) : path;
+}
+
 std::string TempDir() {
-    static std::string dir;
-    if (dir.empty()) {
-        char pattern[] = "/tmp/tolimage-test-XXXXXX";
-        const char *made = mkdtemp(pattern);
-        dir = made ? made : "/tmp";
-    }
-    return dir;
+    // A fresh folder under the system's temporary folder, removed with
+    // what the tests left in it when the test program ends.
+    struct Scratch {
+        std::string path;
+        Scratch() {
+            std::error_code error;
+            const auto base = std::filesystem::temp_directory_path(error);
+            std::random_device random;
+            for (int attempt = 0; attempt < 100 && path.empty(); ++attempt) {
+                char name[40];
+                std::snprintf(name, sizeof name, "tolimage-test-%08x%08x", random(), random());
+                if (std::filesystem::create_directory(base / name, error)) path = (base / name).string();
+            }
+            if (path.empty()) path = base.string();
+        }
+        ~Scratch() {
+            std::error_code error;
+            if (std::filesystem::path(path).filename().string().rfind("tolimage-test-", 0) == 0)
+                std::filesystem::remove_all(path, error);
+        }
+    };
+    static Scratch scratch;
+    return scratch.path;
 }
 
 std::string WriteTemp(const std::string &name, const std::vector<uint8_t> &bytes) {

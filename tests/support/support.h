@@ -8,6 +8,14 @@
 
 #include "tolimage.h"
 
+// Skips a test that stands on what the POSIX stand-ins for the system's
+// calls do and Windows does otherwise; `why` says what.
+#if defined(_WIN32)
+#define TL_POSIX_ONLY(why) GTEST_SKIP() << "POSIX only: " << why
+#else
+#define TL_POSIX_ONLY(why) static_cast<void>(0)
+#endif
+
 namespace test {
 
 // Path of a committed fixture, relative to tests/fixtures.
@@ -21,6 +29,9 @@ std::string ReadText(const std::string &path);
 void WriteText(const std::string &path, const std::string &text);
 // A file in a fresh scratch directory holding `bytes`; returns its path.
 std::string WriteTemp(const std::string &name, const std::vector<uint8_t> &bytes);
+// The full form of a path, as the library reports it (on Windows with a
+// drive and backslashes).
+std::string FullPath(const std::string &path);
 // Absolute path of the test's scratch directory (created on first use).
 std::string TempDir();
 

@@ -13,25 +13,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/win32.h"
+#include "platform/host_dialog.h"
 
 namespace {
 
-constexpr size_t PathBytes = 260;
+using platform::CopyCut;
+using platform::PathBytes;
+using platform::ResolveAnswer;
+using platform::TrimmedBlanks;
+
 // Longest line read from the terminal; the rest of a longer line is
 // dropped and the answer refused as too long.
 constexpr size_t MaxAnswerBytes = 4096;
-
-TL_FILE_DIALOG hostDialog = nullptr;
-
-// Copies at most `bytes` - 1 characters and a NUL.
-void CopyCut(char *target, const char *source, size_t bytes) {
-    if (!target || bytes == 0) return;
-    size_t n = 0;
-    while (source && source[n] != '\0' && n + 1 < bytes) ++n;
-    if (n) std::memcpy(target, source, n);
-    target[n] = '\0';
-}
 
 // The terminal the user can be asked on, if the process has one and runs in
 // its foreground (a background job reading it would be stopped).
@@ -97,29 +90,6 @@ struct Terminal {
     }
 };
 
-std::string TrimmedBlanks(const std::string &text) {
-    const size_t first = text.find_first_not_of(" \t");
-    if (first == std::string::npos) return {};
-    const size_t last = text.find_last_not_of(" \t");
-    return text.substr(first, last - first + 1);
-}
-
-// The absolute form of an answer: "~/" is the home directory, and a
-// relative path counts from the directory the dialog opened in.  Empty
-// when it does not fit a path buffer.
-std::string ResolveAnswer(const std::string &answer, const char *initialDir) {
-    std::string path = answer;
-    const char *home = std::getenv("HOME");
-    if ((path == "~" || path.rfind("~/", 0) == 0) && home && home[0] == '/') path = home + path.substr(1);
-    if (path[0] != '/' && initialDir && initialDir[0] != '\0') {
-        path = std::string(initialDir) + (initialDir[std::strlen(initialDir) - 1] == '/' ? "" : "/") + path;
-    }
-    if (path.size() >= PathBytes) return {};
-    char full[PathBytes];
-    if (!_fullpath(full, path.c_str(), PathBytes)) return {};
-    return full;
-}
-
 bool IsDirectory(const std::string &path) {
     struct stat info {};
     return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
@@ -137,7 +107,7 @@ bool Exists(const std::string &path) {
 
 // The terminal's dialog: tells what is asked and reads a path until one
 // satisfies the flags; an empty line or the end of input cancels.
-int32_t AskOnTerminal(TL_FILE_REQUEST *request) {
+int32_t TL_CALL AskOnTerminal(TL_FILE_REQUEST *request) {
     Terminal terminal;
     if (!terminal.Open()) return 0;
     const bool save = request->save != 0;
@@ -194,82 +164,15 @@ int32_t AskOnTerminal(TL_FILE_REQUEST *request) {
     }
 }
 
-// Label and patterns of filter pair `index` (from 1), or NULLs.
-void FindFilter(const char *filters, DWORD index, const char **label, const char **patterns) {
-    *label = *patterns = nullptr;
-    if (!filters || index == 0) return;
-    const char *pair = filters;
-    for (DWORD i = 1; pair[0] != '\0'; ++i) {
-        const char *list = pair + std::strlen(pair) + 1;
-        if (list[0] == '\0') return;
-        if (i == index) {
-            *label = pair;
-            *patterns = list;
-            return;
-        }
-        pair = list + std::strlen(list) + 1;
-    }
-}
-
-// Both dialogs: ask, then put the chosen full path into lpstrFile, its name
-// into lpstrFileTitle and the offsets of name and extension into the record.
-BOOL ShowFileDialog(OPENFILENAMEA *record, bool save) {
-    if (!record || record->lStructSize != OPENFILENAME_SIZE_VERSION_400 || !record->lpstrFile ||
-        record->nMaxFile == 0)
-        return 0;
-    // The proposed name and the answer live in a path buffer of our own;
-    // lpstrFile changes only after a confirmed answer that fits it.
-    char answer[PathBytes];
-    CopyCut(answer, "", sizeof answer);
-    {
-        const DWORD limit = record->nMaxFile < PathBytes ? record->nMaxFile : DWORD(PathBytes);
-        size_t n = 0;
-        while (n + 1 < limit && record->lpstrFile[n] != '\0') ++n;
-        std::memcpy(answer, record->lpstrFile, n);
-        answer[n] = '\0';
-    }
-    TL_FILE_REQUEST request{};
-    request.size = sizeof request;
-    request.save = save ? 1 : 0;
-    request.flags = record->Flags;
-    request.title = record->lpstrTitle ? record->lpstrTitle : "";
-    request.filters = record->lpstrFilter;
-    request.filterIndex = record->nFilterIndex;
-    FindFilter(record->lpstrFilter, record->nFilterIndex, &request.filterLabel, &request.filterPattern);
-    request.initialDir = record->lpstrInitialDir ? record->lpstrInitialDir : "";
-    request.file = answer;
-    request.fileBytes = sizeof answer;
-
-    const int32_t confirmed = hostDialog ? hostDialog(&request) : AskOnTerminal(&request);
-    if (!confirmed) return 0;
-    // A host's answer is trusted no further than the buffer it was given.
-    if (!std::memchr(answer, '\0', sizeof answer)) return 0;
-    const std::string chosen = TrimmedBlanks(answer);
-    if (chosen.empty()) return 0;
-    const std::string path = ResolveAnswer(chosen, request.initialDir);
-    if (path.empty() || path.size() + 1 > record->nMaxFile) return 0;
-
-    std::memcpy(record->lpstrFile, path.c_str(), path.size() + 1);
-    const size_t nameAt = path.find_last_of('/') + 1;
-    const size_t dot = path.find_last_of('.');
-    record->nFileOffset = WORD(nameAt);
-    record->nFileExtension = WORD(dot != std::string::npos && dot >= nameAt ? dot + 1 : path.size());
-    if (record->lpstrFileTitle && record->nMaxFileTitle > 0)
-        CopyCut(record->lpstrFileTitle, path.c_str() + nameAt, record->nMaxFileTitle);
-    return 1;
-}
-
 }  // namespace
 
-TL_FILE_DIALOG TlSetFileDialog(TL_FILE_DIALOG dialog) {
-    platform::ExportLock hold;  // the dialog is read while an export holds the lock
-    const TL_FILE_DIALOG before = hostDialog;
-    hostDialog = dialog;
-    return before;
+BOOL platform::ShowFileDialog(OPENFILENAMEA *record, bool save) {
+    const TL_FILE_DIALOG host = platform::HostDialog();
+    return platform::AskThrough(host ? host : AskOnTerminal, record, save);
 }
 
-BOOL GetOpenFileNameA(OPENFILENAMEA *record) { return ShowFileDialog(record, false); }
-BOOL GetSaveFileNameA(OPENFILENAMEA *record) { return ShowFileDialog(record, true); }
+BOOL GetOpenFileNameA(OPENFILENAMEA *record) { return platform::ShowFileDialog(record, false); }
+BOOL GetSaveFileNameA(OPENFILENAMEA *record) { return platform::ShowFileDialog(record, true); }
 
 HWND GetActiveWindow() { return nullptr; }
 
