@@ -123,7 +123,7 @@ TEST(Profile, SplitPath) {
 // A host dialog whose answer the test sets; "no NUL" fills the whole buffer.
 std::string hostAnswer;
 int hostCalls = 0;
-int32_t Host(TL_FILE_REQUEST *request) {
+int32_t TL_CALL Host(TL_FILE_REQUEST *request) {
     ++hostCalls;
     if (hostAnswer == "no NUL") return memset(request->file, 'z', request->fileBytes), 1;
     return snprintf(request->file, request->fileBytes, "%s", hostAnswer.c_str()), 1;

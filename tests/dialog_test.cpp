@@ -32,7 +32,7 @@ struct Script {
 
 void Answer(const std::string &chosen = "") { script = Script{}, script.chosen = chosen; }
 
-int32_t Scripted(TL_FILE_REQUEST *request) {
+int32_t TL_CALL Scripted(TL_FILE_REQUEST *request) {
     script.calls++;
     script.asked = std::string(request->save ? "save " : "open ") + std::to_string(request->flags) + " filter " +
                    std::to_string(request->filterIndex) + " in " + request->initialDir + " file " + request->file;

@@ -107,7 +107,7 @@ TEST(Threads, LoadsAndHandOversFromEightThreadsMatchOneThread) {
 // Each report reaches the callback once, and the callback may ask the
 // library for its state while the failing call still holds the lock.
 std::atomic<int> reportsHeard{0};
-void CountAndAsk(const char *, const char *, int32_t) {
+void TL_CALL CountAndAsk(const char *, const char *, int32_t) {
     ++reportsHeard;
     TL_ERRORSTATUS_E();
 }

@@ -60,3 +60,14 @@ add_test(NAME exports.exact COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/check_exports.sh
 add_test(NAME cli.samples COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/cli_test.sh $<TARGET_FILE:tolimage_cli>
          ${PROJECT_SOURCE_DIR}/samples ${CMAKE_CURRENT_SOURCE_DIR}/fixtures)
 set_tests_properties(cli.samples PROPERTIES ENVIRONMENT "TL_EMULATOR=${CMAKE_CROSSCOMPILING_EMULATOR}")
+
+# The same files through this build and the native one: the same pixels,
+# headers, exit statuses and reports (scripts/test.sh --windows passes the
+# native tool).
+set(TL_NATIVE_TOOL "" CACHE FILEPATH "The native build's tolimage, to compare the Windows build with")
+if(TL_NATIVE_TOOL AND CMAKE_CROSSCOMPILING_EMULATOR)
+  add_test(NAME compare.native COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/compare_platforms.sh ${TL_NATIVE_TOOL}
+           $<TARGET_FILE:tolimage_cli> ${CMAKE_CROSSCOMPILING_EMULATOR} ${CMAKE_CURRENT_SOURCE_DIR}/fixtures
+           ${PROJECT_SOURCE_DIR}/samples)
+  set_tests_properties(compare.native PROPERTIES TIMEOUT 900)
+endif()

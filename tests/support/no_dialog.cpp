@@ -6,7 +6,7 @@
 
 namespace {
 
-int32_t CancelAtOnce(TL_FILE_REQUEST *) { return 0; }
+int32_t TL_CALL CancelAtOnce(TL_FILE_REQUEST *) { return 0; }
 
 const TL_FILE_DIALOG installedBefore = TlSetFileDialog(CancelAtOnce);
 

@@ -15,7 +15,7 @@ namespace test {
 namespace {
 Recorder *activeRecorder = nullptr;
 
-void RecordReport(const char *title, const char *text, int32_t withSystemText) {
+void TL_CALL RecordReport(const char *title, const char *text, int32_t withSystemText) {
     if (activeRecorder) activeRecorder->reports.push_back({title ? title : "", text ? text : "", withSystemText});
 }
 }  // namespace
