@@ -80,4 +80,28 @@ TEST(Detection, NumbersResetsAndAClearStartForEachCall) {
     EXPECT_TRUE(guard.Same());
 }
 
+// A file named in any form the system takes (as given, in its full form,
+// which on Windows has a drive and backslashes, through a ".." step) gives
+// the same image, with no report and nothing left behind.
+TEST(Detection, EveryFormOfAPathGivesTheSameImage) {
+    const std::string given = test::Fixture("bmp/netpbm_1bit.bmp");
+    const std::string folder = given.substr(0, given.find_last_of('/'));
+    const std::string forms[] = {given, test::FullPath(given), folder + "/../bmp/netpbm_1bit.bmp",
+                                 test::FullPath(folder + "/../bmp") + "/netpbm_1bit.bmp"};
+    test::LeakGuard guard;
+    test::Recorder recorder;
+    std::vector<uint8_t> first;
+    for (const std::string &form : forms) {
+        SCOPED_TRACE(form);
+        TL_HANDLE block = Load(form, 0);
+        ASSERT_NE(block, nullptr);
+        const std::vector<uint8_t> bytes = test::BlockBytes(block);
+        test::FreeBlock(block);
+        if (first.empty()) first = bytes;
+        EXPECT_EQ(bytes, first);
+    }
+    EXPECT_TRUE(Heard(recorder).empty());
+    EXPECT_TRUE(guard.Same());
+}
+
 }  // namespace
