@@ -161,7 +161,28 @@ Harness HarnessNamed(const char *name) {
     return Harness::Image;
 }
 
+namespace {
+
+// The largest block an input may have.  A few hundred bytes can declare an
+// image of hundreds of megabytes, which the library then rightly writes in
+// full (zero rows, complemented rows); loaded several times under the
+// sanitizers such an input takes longer than a fuzzer waits.  Larger blocks
+// fail as out of memory, a path worth fuzzing in its own right.
+constexpr uintptr_t HarnessBlockCeiling = uintptr_t(64) << 20;
+
+// The ceiling for the length of one run, the one before put back after.
+struct BlockCeiling {
+    uintptr_t before = platform::LimitBlockBytes(HarnessBlockCeiling);
+    BlockCeiling() = default;
+    BlockCeiling(const BlockCeiling &) = delete;
+    BlockCeiling &operator=(const BlockCeiling &) = delete;
+    ~BlockCeiling() { platform::LimitBlockBytes(before); }
+};
+
+}  // namespace
+
 void RunHarness(Harness harness, const uint8_t *data, size_t size) {
+    const BlockCeiling ceiling;
     ERROR_FLAGS_E(1, 0, 1, nullptr);
     TL_IMAGE_E(nullptr, 0);  // no walk left from before
     const int32_t blocks = platform::LiveBlocks(), files = platform::OpenFiles();

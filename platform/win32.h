@@ -217,6 +217,10 @@ int32_t OpenFiles();    // CreateFileA handles not yet closed
 // what was left of the count it replaces: 0 once that failure came.
 int32_t FailAllocation(int32_t n);
 int32_t FailLock(int32_t n);
+// Allocations (GlobalAlloc, LocalAlloc) of more than `bytes` fail as out of
+// memory from now on; 0 lifts the ceiling.  Returns the ceiling it replaces.
+// The fuzz targets keep each input's work small with it.
+uintptr_t LimitBlockBytes(uintptr_t bytes);
 }  // namespace platform
 
 namespace platform {

@@ -76,3 +76,34 @@ TEST(Failures, EveryAllocationAndLockOfALoadOrHandOverFailsCleanly) {
         }
     }
 }
+
+// A ceiling on block sizes (what the fuzz targets set) fails the loads whose block passes it with
+// the allocation report, and leaves the rest as they are; lifting it loads them again.
+TEST(Failures, ABlockCeilingRefusesOnlyTheLargerBlocks) {
+    const std::string path = test::Sample("sample.tif");
+    std::vector<char> name(path.begin(), path.end());
+    name.push_back('\0');
+    const TL_HANDLE whole = TL_IMAGE_E(name.data(), 0);
+    ASSERT_NE(whole, nullptr);
+    const uintptr_t size = uintptr_t(GlobalSize(whole));
+    GlobalFree(whole);
+    for (const uintptr_t ceiling : {size - 1, size, uintptr_t(0)}) {
+        SCOPED_TRACE(ceiling);
+        test::LeakGuard guard;
+        test::Recorder recorder(1, 0, 1);
+        EXPECT_EQ(platform::LimitBlockBytes(ceiling), uintptr_t(0));
+        const TL_HANDLE block = TL_IMAGE_E(name.data(), 0);
+        EXPECT_EQ(platform::LimitBlockBytes(0), ceiling);
+        if (ceiling == size - 1) {
+            EXPECT_EQ(block, nullptr);
+            ASSERT_EQ(recorder.reports.size(), 1u);
+            EXPECT_EQ(recorder.reports[0].text, "Out of memory");
+        } else {
+            ASSERT_NE(block, nullptr);
+            EXPECT_TRUE(recorder.reports.empty());
+            GlobalFree(block);
+        }
+        TL_CLEARERROR_E();
+        EXPECT_TRUE(guard.Same());
+    }
+}

@@ -279,6 +279,7 @@ Block *Find(void *handle) {
 // Countdowns of FailAllocation and FailLock; 0 while off.
 std::atomic<int32_t> allocationsToFailure{0};
 std::atomic<int32_t> locksToFailure{0};
+std::atomic<uintptr_t> blockCeiling{0};  // LimitBlockBytes; 0 while off
 
 bool FailsNow(std::atomic<int32_t> &countdown) {
     int32_t n = countdown.load(std::memory_order_relaxed);
@@ -288,7 +289,8 @@ bool FailsNow(std::atomic<int32_t> &countdown) {
 }
 
 void *Allocate(UINT flags, uintptr_t bytes) {
-    if (bytes > MaxBlockSize || FailsNow(allocationsToFailure)) {
+    const uintptr_t ceiling = blockCeiling.load(std::memory_order_relaxed);
+    if (bytes > MaxBlockSize || (ceiling != 0 && bytes > ceiling) || FailsNow(allocationsToFailure)) {
         SetLastError(ENOMEM);
         return nullptr;
     }
@@ -443,4 +445,5 @@ namespace platform {
 int32_t LiveBlocks() { return liveBlocks.load(std::memory_order_relaxed); }
 int32_t FailAllocation(int32_t n) { return allocationsToFailure.exchange(n, std::memory_order_relaxed); }
 int32_t FailLock(int32_t n) { return locksToFailure.exchange(n, std::memory_order_relaxed); }
+uintptr_t LimitBlockBytes(uintptr_t bytes) { return blockCeiling.exchange(bytes, std::memory_order_relaxed); }
 }  // namespace platform

@@ -37,6 +37,7 @@ struct Hold {
 
 std::atomic<int32_t> allocationsToFailure{0};
 std::atomic<int32_t> locksToFailure{0};
+std::atomic<uintptr_t> blockCeiling{0};  // LimitBlockBytes; 0 while off
 
 // Counts a countdown down; true when this call is the one to fail.
 bool FailsNow(std::atomic<int32_t> &countdown) {
@@ -44,6 +45,12 @@ bool FailsNow(std::atomic<int32_t> &countdown) {
     while (left > 0 && !countdown.compare_exchange_weak(left, left - 1)) {
     }
     return left == 1;
+}
+
+// True when an allocation of `bytes` is to fail now.
+bool AllocationFails(SIZE_T bytes) {
+    const uintptr_t ceiling = blockCeiling.load();
+    return (ceiling != 0 && bytes > ceiling) || FailsNow(allocationsToFailure);
 }
 
 void *Remember(std::set<void *> &set, void *handle) {
@@ -64,7 +71,7 @@ void Forget(std::set<void *> &set, void *handle) {
 extern "C" {
 
 HGLOBAL WINAPI TlCountedGlobalAlloc(UINT flags, SIZE_T bytes) {
-    if (FailsNow(allocationsToFailure)) {
+    if (AllocationFails(bytes)) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return nullptr;
     }
@@ -86,7 +93,7 @@ HGLOBAL WINAPI TlCountedGlobalFree(HGLOBAL block) {
 }
 
 HLOCAL WINAPI TlCountedLocalAlloc(UINT flags, SIZE_T bytes) {
-    if (FailsNow(allocationsToFailure)) {
+    if (AllocationFails(bytes)) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return nullptr;
     }
@@ -133,6 +140,7 @@ int32_t OpenFiles() {
 }
 int32_t FailAllocation(int32_t n) { return allocationsToFailure.exchange(n); }
 int32_t FailLock(int32_t n) { return locksToFailure.exchange(n); }
+uintptr_t LimitBlockBytes(uintptr_t bytes) { return blockCeiling.exchange(bytes); }
 }  // namespace platform
 
 #endif  // TL_COUNT_CALLS
