@@ -219,12 +219,19 @@ int32_t FaxDecodeRow2D(FaxBits &bits, uint8_t *row, const uint8_t *ref, int32_t 
     return result;
 }
 
+// FaxWindowRun out of line: the two-dimensional decoder takes most
+// horizontal codes by the pair table, and keeps its loop small without it.
+static __attribute__((noinline)) int32_t FaxWindowRunOutOfLine(FaxWindow &w, FaxBits &bits, int32_t colour,
+                                                               uint32_t &sum) {
+    return FaxWindowRun(w, bits, colour, sum);
+}
+
 // The runs of a horizontal code: from the window where it can tell, else
 // byte by byte; the window is given back for the latter.
 static inline __attribute__((always_inline)) int32_t FaxHorizontalRun(FaxWindow &w, FaxBits &bits,
                                                                       int32_t colour) {
     uint32_t sum = 0;
-    int32_t run = w.on ? FaxWindowRun(w, bits, colour ? FaxBlack : 0, sum) : -4;
+    int32_t run = w.on ? FaxWindowRunOutOfLine(w, bits, colour ? FaxBlack : 0, sum) : -4;
     if (run == -4) {
         FaxWindowSync(w, bits);
         run = FaxDecodeRunFrom(bits, colour ? FaxBlack : 0, sum);
@@ -254,7 +261,7 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges2DLocal(Fax
     FaxWindow w;
     // A vertical code: a1 = b1 + d.  0 when the row goes on, 1 when it has
     // ended (result set), FaxRowToBitmap when a1 went back before a0.
-    auto vertical = [&](int32_t d) -> int32_t {
+    auto vertical = [&](int32_t d) __attribute__((always_inline)) -> int32_t {
         int32_t a1 = *b1 + d;
         if (a1 < a0 || a1 < 0) return FaxRowToBitmap;
         if (a1 > width) a1 = width;  // up to three pixels behind: never written

@@ -211,7 +211,8 @@ inline void FaxWindowSync(FaxWindow &w, FaxBits &bits) {
 // A run from the window: its length, or -4 when the window can't tell (a
 // code of no run, EOL, too few bits): then sum holds the make-up codes taken
 // so far, and the byte-by-byte decoder goes on from there.
-inline int32_t FaxWindowRun(FaxWindow &w, FaxBits &bits, int32_t colour, uint32_t &sum) {
+__attribute__((always_inline)) inline int32_t FaxWindowRun(FaxWindow &w, FaxBits &bits, int32_t colour,
+                                                        uint32_t &sum) {
     const uint16_t *first = FaxRunFirst.data() + (colour ? 256 : 0);
     const uint16_t *longer = FaxRunLong.data() + (colour ? 8192 : 0);
     sum = 0;
