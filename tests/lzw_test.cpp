@@ -100,14 +100,17 @@ Decoded Decode(bool lzw, Bytes strip, uint32_t rowBytes, uint32_t rows) {
     if (lzw && !LzwStartStrip()) d.failedRow = -2;
     // As in the bitmap block, the rows lie one below the other, the first at
     // the top, and stay as written while the strip is decoded; here each has
-    // 8 guard bytes on either side.
+    // 8 guard bytes on either side, but for the first, which ends the
+    // buffer as the top row ends the block: a read or write behind it is an
+    // ASan fault.
     const size_t pitch = rowBytes + 16;
-    Bytes image(pitch * rows, 0xEE);
+    Bytes image(pitch * rows - 8, 0xEE);
     for (uint32_t r = 0; r < rows && d.failedRow == -1; ++r, ++TiffImage.currentRow) {
         const auto row = image.begin() + ptrdiff_t(pitch * (rows - 1 - r));
         if (!(lzw ? LzwDecodeLine : PackBitsDecodeLine)(&row[8], int32_t(rowBytes))) d.failedRow = int(r);
-        else d.data.insert(d.data.end(), row + 8, row + ptrdiff_t(pitch) - 8);
-        d.guardsIntact &= std::count(row, row + 8, 0xEE) + std::count(row + ptrdiff_t(pitch) - 8, row + ptrdiff_t(pitch), 0xEE) == 16;
+        else d.data.insert(d.data.end(), row + 8, row + 8 + ptrdiff_t(rowBytes));
+        const auto after = r == 0 ? 0 : std::count(row + ptrdiff_t(pitch) - 8, row + ptrdiff_t(pitch), 0xEE);
+        d.guardsIntact &= std::count(row, row + 8, 0xEE) + after == (r == 0 ? 8 : 16);
     }
     for (auto &x : rec.reports) {
         EXPECT_EQ(x.title, "TIFF Read");

@@ -38,6 +38,7 @@ struct LzwState {
     LzwEntry *table;           // entry 0
     MemoryBlock tableBlock;
     const uint8_t *inputEnd;   // end of the strip's bytes: the decoder reads nothing behind it
+    uintptr_t readLimit;       // end of the highest row of the strip delivered so far; 0 at its start
 };
 
 // The state's block; a null pointer says that no state exists.
@@ -164,6 +165,7 @@ int32_t LzwStartStrip() {
     s->restartEntry = nullptr;
     s->oldEntry = nullptr;
     s->inputEnd = t.rawCursor + (t.rawLeft > 0 ? t.rawLeft : 0);
+    s->readLimit = 0;
     return 1;
 }
 
@@ -185,6 +187,11 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
     }
     uint8_t *out = row;
     int32_t left = count > 0 ? count : 0;
+    // Every byte from the strip's lowest row up to here is readable (the
+    // rows lie in one block): a short string is copied as 16 bytes.
+    const uintptr_t rowEnd = reinterpret_cast<uintptr_t>(row) + uint32_t(left);
+    if (rowEnd > s->readLimit) s->readLimit = rowEnd;
+    const uintptr_t readLimit = s->readLimit;
 
     // The tail of a string begun in an earlier row.
     if (s->restart != 0) {
@@ -296,6 +303,22 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
             continue;
         }
         const int32_t length = e->length;
+        const uint8_t *from = e->where;
+        if (from != nullptr && length <= 16 && left >= 16 && reinterpret_cast<uintptr_t>(from) + 16 <= readLimit) {
+            // Most strings: one 16-byte move, read whole before it is
+            // written, so that the span may run into `out`.  Its first
+            // `length` bytes count; the rest lie inside this row, and the
+            // codes after write over them (a row left short fails).  The
+            // last byte of a string made by this very code is not yet
+            // there to copy (see WritePart).
+            uint8_t chunk[16];
+            std::memcpy(chunk, from, 16);
+            std::memcpy(out, chunk, 16);
+            if (fresh) out[length - 1] = e->value;
+            out += length;
+            left -= length;
+            continue;
+        }
         if (length <= left) {
             // The string stands whole before `out` (in this row or an
             // earlier one), so the copy never overlaps.

@@ -30,7 +30,11 @@ constexpr uint32_t LzwFirstFree = 258;
 int32_t LzwStartStrip();
 // Delivers one row; 1 when it is complete, else 0 (reported).  The rows
 // delivered earlier in the strip must stay as they were written until the
-// strip ends: later strings are copied from them.
+// strip ends: later strings are copied from them.  The rows of a strip lie
+// in one block: every byte between the lowest row and the end of the
+// highest is readable, since short strings are read 16 bytes at a time
+// (never past the end of the highest row).  A row left short may hold
+// bytes behind its last string.
 int32_t LzwDecodeLine(uint8_t *row, int32_t count);
 // Frees the state and the table; safe when there is none.
 void LzwRelease();
