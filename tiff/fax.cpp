@@ -258,9 +258,10 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeRow1DLocal(FaxBits
 }
 
 int32_t FaxDecodeRow1D(FaxBits &bits, uint8_t *row, int32_t width) {
-    FaxBits local = bits;
+    FaxBits local;
+    FaxCopyBits(local, bits);
     int32_t result = FaxDecodeRow1DLocal(local, row, width);
-    bits = local;
+    FaxCopyBits(bits, local);
     return result;
 }
 
@@ -296,6 +297,28 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges1DLocal(Fax
                 end = FaxPushChange(end, pos);
                 continue;
             }
+            // A white run of 64 pixels or more, as the blank stretches of
+            // forms give: one make-up code, then the pair, looked up
+            // together before either is taken.
+            if (pair == 0) {
+                uint32_t makeup = FaxRunFirst[w.acc >> 56];
+                if ((makeup & 15u) == 0) makeup = FaxRunLong[w.acc >> 51];
+                const uint32_t n = makeup & 15u;
+                const uint32_t more = makeup >> 4;
+                if (n != 0 && more >= 64) {
+                    const uint32_t after = FaxPairFirst[(w.acc << n) >> 52];
+                    const int32_t whole = int32_t(more) + (int32_t(after >> 4) & 63);
+                    const int32_t next = int32_t(after >> 10);
+                    if (after != 0 && int32_t(n + (after & 15u)) <= w.nb && whole + next < width - pos) {
+                        FaxWindowTake(w, n + (after & 15u));
+                        pos += whole;
+                        end = FaxPushChange(end, pos);
+                        pos += next;
+                        end = FaxPushChange(end, pos);
+                        continue;
+                    }
+                }
+            }
         }
         run = FaxRun1D(w, bits, 0);
         if (run < 0) break;
@@ -326,9 +349,10 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges1DLocal(Fax
 }
 
 int32_t FaxDecodeChanges1D(FaxBits &bits, int32_t *changes, int32_t width) {
-    FaxBits local = bits;
+    FaxBits local;
+    FaxCopyBits(local, bits);
     int32_t result = FaxDecodeChanges1DLocal(local, changes, width);
-    bits = local;
+    FaxCopyBits(bits, local);
     return result;
 }
 

@@ -213,9 +213,10 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeRow2DLocal(FaxBits
 }
 
 int32_t FaxDecodeRow2D(FaxBits &bits, uint8_t *row, const uint8_t *ref, int32_t width) {
-    FaxBits local = bits;
+    FaxBits local;
+    FaxCopyBits(local, bits);
     int32_t result = FaxDecodeRow2DLocal(local, row, ref, width);
-    bits = local;
+    FaxCopyBits(bits, local);
     return result;
 }
 
@@ -380,9 +381,10 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges2DLocal(Fax
 }
 
 int32_t FaxDecodeChanges2D(FaxBits &bits, const int32_t *ref, int32_t *changes, int32_t width) {
-    FaxBits local = bits;
+    FaxBits local;
+    FaxCopyBits(local, bits);
     int32_t result = FaxDecodeChanges2DLocal(local, ref, changes, width);
-    bits = local;
+    FaxCopyBits(bits, local);
     return result;
 }
 

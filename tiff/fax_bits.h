@@ -23,6 +23,27 @@ struct FaxBits {
     const uint8_t *byteMap;  // the bit order of the strip
 };
 
+// Copies a stream state one field at a time.  A plain copy of the record
+// is made with 16-byte moves, and such a move that reads fields the row
+// decoder has just stored one by one waits until those stores are done (a
+// store the processor can't forward): many cycles a row, on every row.
+// The empty asm keeps each field in a register of its own, so that the
+// compiler doesn't merge the copies into such moves again.
+inline void FaxCopyBits(FaxBits &to, const FaxBits &from) {
+    const uint8_t *cursor = from.cursor;
+    int32_t left = from.left;
+    uint32_t curByte = from.curByte;
+    int32_t position = from.position;
+    const uint8_t *byteMap = from.byteMap;
+    asm("" : "+r"(cursor), "+r"(left), "+r"(curByte));
+    asm("" : "+r"(position), "+r"(byteMap));
+    to.cursor = cursor;
+    to.left = left;
+    to.curByte = curByte;
+    to.position = position;
+    to.byteMap = byteMap;
+}
+
 // The stream of the current strip, taken from the statics (the strip
 // cursor and the record's byte in hand) and given back to them.
 FaxBits LoadBits();

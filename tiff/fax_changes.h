@@ -112,7 +112,17 @@ inline void FaxRenderChanges(uint8_t *row, uint32_t rowBytes, const int32_t *cha
     if (const uint32_t rest = rowBytes & 7) {
         uint8_t bytes[8];
         FaxStore64(bytes, tail);
-        std::memcpy(row + size_t(whole) * 8, bytes, rest);
+        // Two moves that may overlap, not a loop of rest bytes.
+        uint8_t *to = row + size_t(whole) * 8;
+        if (rest >= 4) {
+            std::memcpy(to, bytes, 4);
+            std::memcpy(to + rest - 4, bytes + rest - 4, 4);
+        } else if (rest >= 2) {
+            std::memcpy(to, bytes, 2);
+            std::memcpy(to + rest - 2, bytes + rest - 2, 2);
+        } else {
+            to[0] = bytes[0];
+        }
     }
 }
 

@@ -88,15 +88,21 @@ uint64_t StripByteCeiling() {
 uint32_t SkipBlankLines(uint32_t line) {
     auto &t = TiffImage;
     if (t.rowsPerStrip == 0) return 0;
+    // The common answer, "none", first: the division below is for the
+    // rare rows that can be passed by.
+    if (t.compression == TiffCompressionNone) {
+        if (t.rawCursor < t.rawHeldEnd || t.scanlineSize == 0 || t.rawLeft <= 0) return 0;
+    } else if (!t.isCcitt || !FaxRowsStayBlank()) {
+        return 0;
+    }
     const uint64_t stripEnd = (uint64_t(line / t.rowsPerStrip) + 1) * t.rowsPerStrip;
     uint64_t end = stripEnd < t.imageLength ? stripEnd : t.imageLength;
     if (t.compression == TiffCompressionNone) {
-        if (t.rawCursor < t.rawHeldEnd || t.scanlineSize == 0 || t.rawLeft <= 0) return 0;
         const uint64_t covered = uint64_t(line) + 1 + uint64_t(t.rawLeft) / t.scanlineSize;
         if (covered < end) end = covered;
         if (end <= uint64_t(line) + 1) return 0;
         t.rawLeft -= int32_t((end - line - 1) * t.scanlineSize);
-    } else if (!t.isCcitt || !FaxRowsStayBlank() || end <= uint64_t(line) + 1) {
+    } else if (end <= uint64_t(line) + 1) {
         return 0;
     }
     const auto skipped = uint32_t(end - line - 1);
@@ -235,7 +241,12 @@ int32_t SeekToLine(uint32_t line) {
         FormatRowMessage("Internal allocation error in line %ld", line);
         return 0;
     }
-    const uint32_t strip = line / t.rowsPerStrip;
+    // Mostly the line lies in the current strip, which a product tells
+    // without the division (one per row, and slow).
+    const uint64_t first = uint64_t(t.currentStrip) * t.rowsPerStrip;
+    const uint32_t strip = t.currentStrip != TiffNoStrip && line >= first && line - first < t.rowsPerStrip
+                               ? t.currentStrip
+                               : line / t.rowsPerStrip;
     if (strip != t.currentStrip) {
         if (!LoadStrip(strip)) return 0;
     } else if (line < t.currentRow) {
