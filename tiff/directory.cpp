@@ -508,6 +508,7 @@ void TiffClose() {
         BlockFree(&t.stripBuffer);
     }
     t.rawCursor = nullptr;
+    t.rowsZeroed = false;
     // The handle is forgotten once closed: the platform may give the same
     // number to the next file opened, which a second close must not touch.
     if (t.tiffFile != NoFile) TL_CLOSE(t.tiffFile);

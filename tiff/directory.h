@@ -83,6 +83,7 @@ struct TiffImageRecord {
     TiffByteOrder typeShift;   // column of the shift table
     bool swapBytes;            // true for MM
     bool isCcitt;              // compressions 2, 3, 4
+    bool rowsZeroed;           // the rows given to TIFFDecodeLine hold zeros: ReadTIF's zero-filled block
     uint32_t currentRow;       // row the next decoding call delivers; 0xFFFFFFFF before the first strip
     uint32_t scanlineSize;     // bytes of one decoded line
     uint32_t currentStrip;     // strip in the buffer; 0xFFFFFFFF for none

@@ -74,14 +74,16 @@ inline void FaxStore64(uint8_t *p, uint64_t word) {
 }
 
 // Writes all rowBytes bytes of row from a closed list: the black spans, 0
-// elsewhere.  The row is cleared, then the pixels of each 64-pixel word
-// are gathered in a register and the word is stored again after each span
-// that reaches it: words are only written, never read back, so that no
-// load waits for a store.  The bytes behind the last whole word are
-// gathered in the same way and copied at the end.
-inline void FaxRenderChanges(uint8_t *row, uint32_t rowBytes, const int32_t *changes, int32_t width) {
+// elsewhere.  The row is cleared, unless the caller knows that it holds
+// zeros; then the pixels of each 64-pixel word are gathered in a register
+// and the word is stored again after each span that reaches it: words are
+// only written, never read back, so that no load waits for a store.  The
+// bytes behind the last whole word are gathered in the same way and copied
+// at the end.
+inline void FaxRenderChanges(uint8_t *row, uint32_t rowBytes, const int32_t *changes, int32_t width,
+                             bool cleared = false) {
     const uint32_t whole = rowBytes >> 3;
-    std::memset(row, 0, rowBytes);
+    if (!cleared) std::memset(row, 0, rowBytes);
     uint32_t current = 0;  // the word whose pixels acc holds
     uint64_t acc = 0;
     uint64_t tail = 0;  // the pixels of word `whole`

@@ -92,7 +92,7 @@ uint32_t SkipBlankLines(uint32_t line) {
     // rare rows that can be passed by.
     if (t.compression == TiffCompressionNone) {
         if (t.rawCursor < t.rawHeldEnd || t.scanlineSize == 0 || t.rawLeft <= 0) return 0;
-    } else if (!t.isCcitt || !FaxRowsStayBlank()) {
+    } else if (!t.isCcitt || t.rawLeft != 0 || !FaxRowsStayBlank()) {  // rows stay blank only with no byte left
         return 0;
     }
     const uint64_t stripEnd = (uint64_t(line / t.rowsPerStrip) + 1) * t.rowsPerStrip;
@@ -160,6 +160,9 @@ TL_HANDLE ReadTIF(const char *name, int32_t imageNumber) {
             std::memset(bits, 0, HeaderBytes);
             uint8_t *row = bits + HeaderBytes + sizeImage;
             bool ok = true;
+            // Each row of the block is handed out once, as the block's
+            // zero fill left it: the CCITT decoders don't clear it again.
+            TiffImage.rowsZeroed = true;
             for (uint32_t line = 0; line < height; ++line) {
                 row -= rowBytes;
                 if (!TIFFDecodeLine(row, line)) {
@@ -171,6 +174,7 @@ TL_HANDLE ReadTIF(const char *name, int32_t imageNumber) {
                 line += blank;
                 row -= uintptr_t(blank) * rowBytes;
             }
+            TiffImage.rowsZeroed = false;
             if (ok) {
                 StoreU32(bits + 0, 40);
                 StoreU32(bits + 4, width);
