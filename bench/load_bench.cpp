@@ -14,6 +14,7 @@
 // once and freed.
 //
 //   load_bench [ROUNDS [MILLISECONDS]]   defaults 7 rounds of at least 150 ms
+//   TL_BENCH_ONLY=none,lzw               only the codings named
 #include <tiffio.h>
 
 #include <algorithm>
@@ -215,6 +216,11 @@ int main(int argc, char **argv) {
     for (const Page &page : pages) {
         for (bool oneStrip : {false, true})
             for (const Coding &coding : Codings) {
+                // TL_BENCH_ONLY=lzw,packbits times only the codings named.
+                const char *only = std::getenv("TL_BENCH_ONLY");
+                if (only && !std::strstr((std::string(",") + only + ",").c_str(),
+                                         (std::string(",") + coding.name + ",").c_str()))
+                    continue;
                 const std::string path = std::string(folder) + "/" + page.name + "-" + coding.name + ".tif";
                 if (!WritePage(page, coding, oneStrip, path)) return 1;
                 if (!TolImageLoad(path)) {

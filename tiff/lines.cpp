@@ -29,7 +29,12 @@ namespace {
 constexpr const char *ReadTitle = "TIFF Read";
 constexpr uint32_t HeaderBytes = 48;         // 40 of header, two palette entries
 constexpr int32_t StripBufferStep = 1024;    // the strip buffer grows in steps of this
-constexpr uint32_t DibFlags = GMEM_MOVEABLE | GMEM_ZEROINIT;
+// The CCITT decoders write only the black spans of a row into a block that
+// is zero-filled once; the other decoders write every byte of every row, so
+// their block is not filled first (the rows they do not reach are cleared
+// by ReadTIF).
+constexpr uint32_t FaxDibFlags = GMEM_MOVEABLE | GMEM_ZEROINIT;
+constexpr uint32_t DibFlags = GMEM_MOVEABLE;
 
 ReaderMemo TifMemo{};
 // The protocol's reset forgets the reader's file; ReadTIF's own file lives
@@ -151,7 +156,8 @@ TL_HANDLE ReadTIF(const char *name, int32_t imageNumber) {
         const uint64_t sizeImage = uint64_t(rowBytes) * height;
         const bool fits = width <= 0x7FFFFFFFu && height <= 0x7FFFFFFFu &&
                           sizeImage + HeaderBytes <= checked::MaxBlockBytes;
-        if (fits) block = GlobalAlloc(DibFlags, uintptr_t(sizeImage + HeaderBytes));
+        const bool zeroed = TiffImage.isCcitt;
+        if (fits) block = GlobalAlloc(zeroed ? FaxDibFlags : DibFlags, uintptr_t(sizeImage + HeaderBytes));
         if (block == 0) {
             ReportError("ReadTIF", "Out of memory", 0);
         } else if ((bits = static_cast<uint8_t *>(GlobalLock(block))) == nullptr) {
@@ -162,17 +168,32 @@ TL_HANDLE ReadTIF(const char *name, int32_t imageNumber) {
             bool ok = true;
             // Each row of the block is handed out once, as the block's
             // zero fill left it: the CCITT decoders don't clear it again.
-            TiffImage.rowsZeroed = true;
+            // In a block that is not zero-filled, ReadTIF clears what no
+            // decoder writes: the pad bytes at each row's end, rows passed
+            // by as blank, and the rows below a failed one, so that no stale
+            // byte of an earlier block can reach a host that cleared the
+            // failure from its callback and kept the block.
+            TiffImage.rowsZeroed = zeroed;
             for (uint32_t line = 0; line < height; ++line) {
                 row -= rowBytes;
                 if (!TIFFDecodeLine(row, line)) {
                     ReportError("ReadTIF", "TIFFDecodeLine failed", 0);
                     ok = false;
+                    if (!zeroed) std::memset(bits + HeaderBytes, 0, size_t(row - (bits + HeaderBytes)));
                     break;
+                }
+                if (!zeroed) {
+                    // The pad: 0 to 3 bytes, since scanlineSize is (width + 7) / 8.
+                    uint8_t *pad = row + TiffImage.scanlineSize;
+                    const uint32_t padBytes = rowBytes - TiffImage.scanlineSize;
+                    if (padBytes > 0) pad[0] = 0;
+                    if (padBytes > 1) pad[1] = 0;
+                    if (padBytes > 2) pad[2] = 0;
                 }
                 const uint32_t blank = SkipBlankLines(line);
                 line += blank;
                 row -= uintptr_t(blank) * rowBytes;
+                if (!zeroed && blank != 0) std::memset(row, 0, uintptr_t(blank) * rowBytes);
             }
             TiffImage.rowsZeroed = false;
             if (ok) {
@@ -205,7 +226,10 @@ TL_HANDLE ReadTIF(const char *name, int32_t imageNumber) {
 
 int32_t TIFFDecodeLine(uint8_t *row, uint32_t line) {
     auto &t = TiffImage;
-    if (!SeekToLine(line)) return 0;
+    if (!SeekToLine(line)) {
+        if (!t.rowsZeroed) std::memset(row, 0, t.scanlineSize);
+        return 0;
+    }
     const auto count = int32_t(t.scanlineSize);
     int32_t result;
     switch (t.compression) {
@@ -227,13 +251,15 @@ int32_t CopyLine(uint8_t *row, int32_t count) {
     if (t.rawLeft < count) {
         wsprintfA(t.messageBuffer, "Internal allocation error in line %d", t.currentRow);
         ReportError(ReadTitle, t.messageBuffer, 0);
+        if (!t.rowsZeroed && count > 0) std::memset(row, 0, size_t(count));
         return 0;
     }
-    // Bytes behind what the file held are not in the buffer: they stay as
-    // the zeroed row has them.
+    // Bytes behind what the file held are not in the buffer: they are
+    // zeros, as the zeroed row has them or as written here.
     const ptrdiff_t held = t.rawHeldEnd - t.rawCursor;
     const int32_t copied = held <= 0 ? 0 : held < count ? int32_t(held) : count;
     std::memcpy(row, t.rawCursor, size_t(copied));
+    if (!t.rowsZeroed && copied < count) std::memset(row + copied, 0, size_t(count - copied));
     t.rawCursor += copied;
     t.rawLeft -= count;
     return 1;
@@ -291,7 +317,8 @@ int32_t LoadStrip(uint32_t strip) {
         const uint32_t inFile = offset < t.fileLength ? t.fileLength - offset : 0;
         if (uint32_t(held) > inFile) held = int32_t(inFile);
     }
-    if (held > t.stripBufferSize || held == 0) {
+    const bool fresh = held > t.stripBufferSize || held == 0;
+    if (fresh) {
         t.currentStrip = TiffNoStrip;
         const uint64_t size = (uint64_t(held > 0 ? held : 1) + StripBufferStep - 1) & ~uint64_t(StripBufferStep - 1);
         if (size > checked::MaxBlockBytes) return 0;
@@ -299,6 +326,13 @@ int32_t LoadStrip(uint32_t strip) {
     }
     auto *buffer = static_cast<uint8_t *>(t.stripBuffer.pointer);
     const int32_t got = held > 0 ? ReadStripBytes(strip, buffer, held) : 0;
+    // A new buffer is zeros behind what the read brought, as a zero-filled
+    // block would be; filling only that tail spares a pass over a large
+    // strip.  A buffer kept from an earlier strip keeps its bytes there.
+    if (fresh) {
+        const int32_t filled = got > 0 ? got : 0;
+        std::memset(buffer + filled, 0, size_t(t.stripBufferSize - filled));
+    }
     if (got == -1) return 0;
     t.rawHeldEnd = buffer + (held < count ? got : count);
     // Bits of compressions 1, 5 and 32773 are put in order here, once per
@@ -329,7 +363,8 @@ int32_t ResizeStripBuffer(int32_t size) {
     t.rawCursor = nullptr;
     t.stripBufferSize = size;
     if (size > 0) {
-        BlockAlloc(&t.stripBuffer, 0, uint32_t(size), 1, "TIFFREAD Buffer");
+        // Not zero-filled: LoadStrip fills it and zeroes the rest.
+        BlockAlloc(&t.stripBuffer, GMEM_MOVEABLE, uint32_t(size), 1, "TIFFREAD Buffer");
         BlockLock(&t.stripBuffer);
     }
     // A block that came but cannot be locked is no buffer either.

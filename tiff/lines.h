@@ -24,7 +24,8 @@ int32_t TIFFDecodeLine(uint8_t *row, uint32_t line);
 int32_t SeekToLine(uint32_t line);
 int32_t LoadStrip(uint32_t strip);
 int32_t StartStrip(uint32_t strip);
-// Replaces the strip buffer by one of `size` bytes; nonzero on success.
+// Replaces the strip buffer by one of `size` bytes, not zero-filled (LoadStrip
+// zeroes what its read leaves); nonzero on success.
 int32_t ResizeStripBuffer(int32_t size);
 // Reads `count` bytes of strip `strip`; -1 if the seek failed, else what
 // the read gave.

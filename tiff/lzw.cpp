@@ -46,6 +46,16 @@ MemoryBlock LzwStateBlock{};
 
 LzwState *State() { return static_cast<LzwState *>(LzwStateBlock.pointer); }
 
+// Sixteen bytes as one value: GCC lowers this to one vector register where
+// the target has them, to scalar code where it has not.
+typedef uint8_t Bytes16 __attribute__((vector_size(16)));
+inline Bytes16 Load16(const uint8_t *p) {
+    Bytes16 v;
+    std::memcpy(&v, p, 16);
+    return v;
+}
+inline void Store16(uint8_t *p, Bytes16 v) { std::memcpy(p, &v, 16); }
+
 void ReportRow(const char *format) {
     wsprintfA(TiffImage.messageBuffer, format, TiffImage.currentRow);
     ReportError(ReadTitle, TiffImage.messageBuffer, 0);
@@ -77,6 +87,26 @@ inline void CopySpan(uint8_t *to, const uint8_t *from, size_t n) {
         *to = *from;
     } else if (n > 16) {
         std::memcpy(to, from, n);
+    }
+}
+
+// Writes `n` bytes of `value` to `to`, as CopySpan copies: short spans with
+// stores that may overlap each other, nothing outside the span.
+inline void FillSpan(uint8_t *to, uint8_t value, size_t n) {
+    const uint64_t word = value * 0x0101010101010101u;
+    if (n >= 16) {
+        std::memset(to, value, n);
+    } else if (n >= 8) {
+        std::memcpy(to, &word, 8);
+        std::memcpy(to + n - 8, &word, 8);
+    } else if (n >= 4) {
+        std::memcpy(to, &word, 4);
+        std::memcpy(to + n - 4, &word, 4);
+    } else if (n >= 2) {
+        std::memcpy(to, &word, 2);
+        std::memcpy(to + n - 2, &word, 2);
+    } else if (n == 1) {
+        *to = value;
     }
 }
 
@@ -182,6 +212,7 @@ void LzwRelease() {
 int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
     LzwState *s = State();
     if (s == nullptr) {
+        if (!TiffImage.rowsZeroed && count > 0) std::memset(row, 0, size_t(count));
         ReportError(ReadTitle, "Internal error in LZW decoding", 0);
         return 0;
     }
@@ -198,7 +229,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         LzwEntry *e = s->restartEntry;
         const uint32_t rest = e->length - s->restart;
         const uint32_t part = rest < uint32_t(left) ? rest : uint32_t(left);
-        WritePart(s->table, e, s->restart, part, out, false);
+        if (!WritePart(s->table, e, s->restart, part, out, false) && !TiffImage.rowsZeroed) std::memset(out, 0, part);
         out += part;
         left -= int32_t(part);
         if (part < rest) {
@@ -263,6 +294,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         LzwEntry *e = table + code;
         const bool fresh = e == freeEntry;  // the code names the entry it makes
         if (freeEntry >= tableEnd) {
+            if (!t.rowsZeroed) std::memset(out, 0, size_t(left));
             ReportError(ReadTitle, "Internal error in LZW decoding", 0);
             return 0;
         }
@@ -334,7 +366,10 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         previous = nullptr;
         s->restartEntry = e;
         s->restart = uint32_t(left);
-        if (!WritePart(table, e, 0, uint32_t(left), out, fresh)) ReportRow("Unexpected code in line %ld");
+        if (!WritePart(table, e, 0, uint32_t(left), out, fresh)) {
+            if (!t.rowsZeroed) std::memset(out, 0, size_t(left));
+            ReportRow("Unexpected code in line %ld");
+        }
         left = 0;
         break;
     }
@@ -348,6 +383,8 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
     s->freeEntry = freeEntry;
     s->maxEntry = maxEntry;
     if (left > 0) {
+        // The rest of the row is white, not what an earlier block left.
+        if (!t.rowsZeroed) std::memset(out, 0, size_t(left));
         ReportRow("Unexpected code in line %ld");
         return 0;
     }
@@ -365,31 +402,62 @@ int32_t PackBitsDecodeLine(uint8_t *row, int32_t count) {
     // starts at the next control byte.  A literal cut short by the end of
     // the strip delivers only the bytes that are there.
     while (avail > 0 && left > 0) {
+        // Packets well inside the row and the strip, as pages give them by
+        // the thousand, without a branch on their kind: the first 32 bytes
+        // of a literal and of a run are both formed and one is chosen by a
+        // mask, so that a mix of short literals and runs costs no
+        // mispredicted jumps.  Bytes behind a short packet stay in this row
+        // and the next packet writes over them; a row that is not completed
+        // fails the image.  Reads stay inside the strip (34 bytes from the
+        // control byte) and writes inside the row (32 bytes, or the packet).
+        while (left >= 32 && avail >= 34) {
+            const int32_t n = int8_t(in[0]);
+            const bool literal = n >= 0;
+            const int32_t length = literal ? n + 1 : 1 - n;
+            const int32_t used = literal ? n + 2 : 2;
+            if (n == -128 || length > left || used > avail) break;
+            const Bytes16 take = Bytes16{} + uint8_t(~(n >> 7));  // all ones for a literal
+            const Bytes16 fill = Bytes16{} + in[1];
+            Store16(out, (Load16(in + 1) & take) | (fill & ~take));
+            Store16(out + 16, (Load16(in + 17) & take) | (fill & ~take));
+            if (length > 32) {
+                // 33 to 128 bytes: 16 at a time, the last 16 ending with the
+                // packet (the source is the strip, never the row).
+                if (literal) {
+                    for (int32_t k = 32; k < length - 16; k += 16) Store16(out + k, Load16(in + 1 + k));
+                    Store16(out + length - 16, Load16(in + 1 + length - 16));
+                } else {
+                    for (int32_t k = 32; k < length - 16; k += 16) Store16(out + k, fill);
+                    Store16(out + length - 16, fill);
+                }
+            }
+            in += used;
+            avail -= used;
+            out += length;
+            left -= length;
+        }
+        if (avail <= 0 || left <= 0) break;
+        // The row's last packets, that fit it exactly (fewer than 32 bytes
+        // are left): moves of their own size, no call.
+        if (avail >= 2) {
+            const int32_t n = int8_t(in[0]);
+            const int32_t length = n >= 0 ? n + 1 : 1 - n;
+            const int32_t used = n >= 0 ? n + 2 : 2;
+            if (n != -128 && length <= left && used <= avail && length < 32) {
+                if (n >= 0) {
+                    CopySpan(out, in + 1, size_t(length));
+                } else {
+                    FillSpan(out, in[1], size_t(length));
+                }
+                in += used;
+                avail -= used;
+                out += length;
+                left -= length;
+                continue;
+            }
+        }
         const int32_t n = int8_t(*in++);
         --avail;
-        if (n >= -15 && n <= 15 && left >= 16 && avail >= 16) {
-            // A short packet well inside the row and the strip, as text
-            // gives them by the thousand: 16 bytes are moved, the packet's
-            // first bytes of them count.  The bytes behind it stay in this
-            // row and the next packet writes over them; a row that is not
-            // completed fails the image.
-            uint8_t chunk[16];
-            int32_t len;
-            if (n >= 0) {
-                len = n + 1;
-                std::memcpy(chunk, in, 16);
-                in += len;
-                avail -= len;
-            } else {
-                len = 1 - n;
-                std::memset(chunk, *in++, 16);
-                --avail;
-            }
-            std::memcpy(out, chunk, 16);
-            out += len;
-            left -= len;
-            continue;
-        }
         if (n >= 0) {
             const int32_t take = n + 1 < avail ? n + 1 : avail;
             const int32_t put = take < left ? take : left;
@@ -412,6 +480,8 @@ int32_t PackBitsDecodeLine(uint8_t *row, int32_t count) {
     t.rawCursor = const_cast<uint8_t *>(in);
     t.rawLeft = avail;
     if (left > 0) {
+        // The rest of the row is white, not what an earlier block left.
+        if (!t.rowsZeroed) std::memset(out, 0, size_t(left));
         wsprintfA(t.messageBuffer, "Internal allocation error in line %ld", t.currentRow);
         ReportError(ReadTitle, t.messageBuffer, 0);
         return 0;

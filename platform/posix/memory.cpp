@@ -64,8 +64,8 @@ constexpr uintptr_t SmallTop = 0x7FF00000u;             // small blocks below th
 constexpr uintptr_t SmallFloor = 0x48000000u;           // and above this
 constexpr uint32_t MaxSlots = 0xFFFF;                   // slot numbers 1..0xFFFF
 constexpr uint32_t MaxGeneration = 0x3FFF;              // keeps every handle below 2^31
-constexpr uint8_t UndefinedFill = 0xCD;                 // content of a block without GMEM_ZEROINIT
-constexpr size_t MaxFill = size_t(1) << 20;             // bytes that receive it at most
+[[maybe_unused]] constexpr uint8_t UndefinedFill = 0xCD;             // content of a block without GMEM_ZEROINIT
+[[maybe_unused]] constexpr size_t MaxFill = size_t(1) << 20;         // bytes that receive it at most
 
 struct Block {
     uint8_t *mapping = nullptr;  // start of the mapping, guard page included
@@ -328,11 +328,17 @@ void *Allocate(UINT flags, uintptr_t bytes) {
     uint8_t *guard = mapping + mappingBytes - page;
     uint8_t *data = guard - rounded;
     // A fresh mapping reads as zeros.  Without GMEM_ZEROINIT the content is
-    // undefined, and a fill pattern makes reliance on zeros show; only the
-    // first MaxFill bytes, so that a huge block is not committed at once.
+    // undefined: a reused mapping holds what its last block left.  Debug
+    // builds (the sanitized tests among them) fill it with a pattern that
+    // makes reliance on zeros show, only the first MaxFill bytes, so that a
+    // huge block is not committed at once; optimised builds leave it, as
+    // Win32 does, since a reader that writes every byte of its block would
+    // otherwise pay for a second pass over it.
     TL_UNPOISON(data, bytes);
     if (!(flags & LMEM_ZEROINIT)) {
+#ifndef NDEBUG
         std::memset(data, UndefinedFill, bytes < MaxFill ? bytes : MaxFill);
+#endif
     } else if (reused) {
         std::memset(data, 0, bytes);
     }
