@@ -175,22 +175,73 @@ Bytes PackRows(const Bytes &in, size_t rowBytes) {
 
 TEST(PackBits, ShortAndLongPacketsRoundTripAtEveryRowWidth) {
     test::QuietDefaults();
-    // Runs and literals of 1 to 40 bytes, as text rows give them.
-    std::mt19937 rng(7);
-    Bytes data;
-    while (data.size() < 20000) {
-        const size_t n = 1 + rng() % (rng() % 4 == 0 ? 40 : 6);
-        const bool run = rng() % 2;
-        for (size_t i = 0; i < n; ++i) data.push_back(uint8_t(run ? 0x5A : rng()));
+    // Runs and literals of 1 to `longest` bytes: short ones as text rows
+    // give them, and every length up to 128, which takes the decoder's
+    // whole-row path, its 16-byte steps behind the first 32 bytes and its
+    // row-end path, at row widths around those steps.
+    struct Case {
+        const char *what;
+        size_t longest;
+        uint32_t seed;
+        std::vector<uint32_t> rowWidths;
+    } cases[] = {
+        {"packets of 1 to 40 bytes", 40, 7, {1, 15, 16, 17, 31, 310}},
+        {"packets of 1 to 128 bytes", 128, 8, {31, 32, 33, 34, 64, 65, 128, 129, 310, 1000}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        std::mt19937 rng(c.seed);
+        Bytes data;
+        while (data.size() < 20000) {
+            const size_t n = 1 + rng() % (rng() % 4 == 0 ? c.longest : 6);
+            const bool run = rng() % 2;
+            const uint8_t value = uint8_t(rng());
+            for (size_t i = 0; i < n; ++i) data.push_back(run ? value : uint8_t(rng()));
+        }
+        for (uint32_t rowBytes : c.rowWidths) {
+            SCOPED_TRACE(rowBytes);
+            const Bytes rows(data.begin(), data.begin() + ptrdiff_t(data.size() / rowBytes * rowBytes));
+            Decoded d = Decode(false, PackRows(rows, rowBytes), rowBytes, uint32_t(rows.size() / rowBytes));
+            EXPECT_EQ(d.failedRow, -1);
+            EXPECT_TRUE(d.guardsIntact);
+            EXPECT_TRUE(d.data == rows);
+        }
     }
-    for (uint32_t rowBytes : {1u, 15u, 16u, 17u, 31u, 310u}) {
-        SCOPED_TRACE(rowBytes);
-        const Bytes rows(data.begin(), data.begin() + ptrdiff_t(data.size() / rowBytes * rowBytes));
-        Decoded d = Decode(false, PackRows(rows, rowBytes), rowBytes, uint32_t(rows.size() / rowBytes));
-        EXPECT_EQ(d.failedRow, -1);
-        EXPECT_TRUE(d.guardsIntact);
-        EXPECT_TRUE(d.data == rows);
+}
+
+// A row that fails is white behind what was decoded: the rows of a bitmap
+// block are not cleared before decoding, and no byte of an earlier block may
+// show through a row the host keeps.
+TEST(LineDecoders, AFailedRowEndsInZeros) {
+    test::QuietDefaults();
+    Bytes cut = Encode(Noise(5000, 16, 6));
+    cut.resize(cut.size() / 2);
+    const struct {
+        const char *what;
+        bool lzw;
+        Bytes stream;
+    } cases[] = {
+        {"LZW cut inside the row", true, cut},
+        {"LZW that names an entry not yet made", true, Codes9({256, 0x41, 300, 257})},
+        {"PackBits: a run without its byte", false, {0x01, 5, 6, 0xFE}},
+        {"PackBits: a literal cut by the strip's end", false, {0x7F, 1, 2, 3}},
+        {"PackBits: a long literal cut by the strip's end", false, Bytes(60, 0x7F)},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        test::Recorder rec;
+        Bytes strip = c.stream;
+        TiffImage.rawCursor = strip.data();
+        TiffImage.rawLeft = int32_t(strip.size());
+        TiffImage.currentRow = 0;
+        TiffImage.rowsZeroed = false;
+        if (c.lzw) ASSERT_EQ(LzwStartStrip(), 1);
+        Bytes row(5000, 0xEE);
+        EXPECT_EQ((c.lzw ? LzwDecodeLine : PackBitsDecodeLine)(row.data(), int32_t(row.size())), 0);
+        EXPECT_EQ(std::count(row.begin(), row.end(), 0xEE), 0);
+        EXPECT_EQ(rec.reports.size(), 1u);
     }
+    LzwRelease();
 }
 
 TEST(LineDecoders, HandMadeStreamsAndFaults) {

@@ -1,6 +1,7 @@
 // The TIFF reader: encoder files pixel for pixel, the refusals of directory and strip engine, the bitmap.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -384,6 +385,51 @@ TEST(TiffLines, UncompressedRowsPastTheFileCostNoBufferAndNoCopies) {
                 const size_t place = offsets[row / c.rowsPerStrip] + (row % c.rowsPerStrip) * 2 + i;
                 EXPECT_EQ(at[i], uint8_t(~(place < file.size() ? file[place] : 0))) << row;
             }
+        }
+    }
+    EXPECT_TRUE(guard.Same());
+}
+
+// Blocks of uncompressed, LZW and PackBits images are not zero-filled
+// first: what no decoder writes, the pad behind each row and the rows of
+// an uncompressed strip behind the file's end, is cleared by the reader.
+// Blocks freed before the load, full of black, must not show through.
+TEST(TiffReader, BlocksNotZeroFilledFirstHoldNoStaleBytes) {
+    test::QuietDefaults();
+    test::LeakGuard guard;
+    const Bytes row = {0x81, 0x42, 0x24, 0x18, 0x3C};  // 40 pixels: 5 bytes and 3 of pad
+    const Bytes packed = {0x04, 0x81, 0x42, 0x24, 0x18, 0x3C};
+    Bytes rows, packBits;
+    for (int r = 0; r < 8; ++r) {
+        rows.insert(rows.end(), row.begin(), row.end());
+        packBits.insert(packBits.end(), packed.begin(), packed.end());
+    }
+    const struct {
+        const char *what;
+        TiffBuilder file;
+        uint32_t rowsInFile;  // the rows behind are white
+    } cases[] = {
+        {"PackBits", Bilevel(40, 8, 32773, {packBits}).Short(262, 0), 8},
+        {"uncompressed", Bilevel(40, 8, 1, {rows}).Short(262, 0), 8},
+        {"uncompressed, strips of 4 rows, the second past the file's end",
+         Bilevel(40, 8, 1, {Bytes(rows.begin(), rows.begin() + 20)}, 4).Short(262, 0).Longs(273, {8, 100000}).Longs(279, {20, 20}), 4},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        // Freed blocks full of black, one of which the load's block reuses.
+        std::vector<TL_HANDLE> black;
+        for (int i = 0; i < 8; ++i) {
+            black.push_back(GlobalAlloc(GMEM_MOVEABLE, 4096));
+            std::memset(GlobalLock(black.back()), 0xFF, 4096);
+            GlobalUnlock(black.back());
+        }
+        for (TL_HANDLE b : black) GlobalFree(b);
+        const Bytes bits = LoadBytes(Write(c.file));
+        ASSERT_EQ(bits.size(), 48 + 8 * 8u);
+        for (uint32_t r = 0; r < 8; ++r) {
+            const auto at = bits.begin() + ptrdiff_t(48 + (7 - r) * 8);
+            EXPECT_EQ(Bytes(at, at + 5), r < c.rowsInFile ? row : Bytes(5, 0)) << "row " << r;
+            EXPECT_EQ(Bytes(at + 5, at + 8), Bytes(3, 0)) << "pad of row " << r;
         }
     }
     EXPECT_TRUE(guard.Same());

@@ -12,6 +12,7 @@
 
 #include "tiff/lzw.h"
 
+#include <bit>
 #include <cstring>
 
 #include "platform/win32.h"
@@ -27,8 +28,8 @@ constexpr uint16_t MaxCodeWidth = 12;
 
 struct LzwState {
     uint16_t codeWidth;        // bits of the next code, 9 to 12
-    uint32_t nextData;         // bit accumulator; bytes enter at the low end
-    int32_t nextBits;          // bits in the accumulator not yet used
+    uint64_t nextData;         // bit accumulator: the next bits at its top, in stream order
+    int32_t nextBits;          // bits at its top not yet used
     uint32_t codeMask;         // (1 << codeWidth) - 1
     uint32_t restart;          // bytes of the string under delivery already delivered
     LzwEntry *restartEntry;    // the string under delivery
@@ -243,7 +244,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
     auto &t = TiffImage;
     const uint8_t *in = t.rawCursor;
     const uint8_t *const end = s->inputEnd;
-    uint32_t nextData = s->nextData;
+    uint64_t nextData = s->nextData;
     int32_t nextBits = s->nextBits;
     int32_t codeWidth = s->codeWidth;
     uint32_t codeMask = s->codeMask;
@@ -256,19 +257,31 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
     // not whole in this row, right before `out`.
     const uint8_t *previous = nullptr;
 
-    // Next code, top bits of each byte first.  The end of the strip counts
-    // as an EOI: nothing behind the strip's bytes is read.
+    // Next code, top bits of each byte first.  The accumulator is refilled
+    // with eight bytes at once while eight are left, taking the whole bytes
+    // that fit: the bits of a byte taken only in part lie below the used
+    // bits and are put there again, the same, by the next fill.  The end of
+    // the strip counts as an EOI: nothing behind the strip's bytes is read.
     auto nextCode = [&](uint32_t &code) -> bool {
-        if (in >= end) return false;
-        nextData = (nextData << 8) | *in++;
-        nextBits += 8;
         if (nextBits < codeWidth) {
-            if (in >= end) return false;
-            nextData = (nextData << 8) | *in++;
-            nextBits += 8;
+            if (end - in >= 8) {
+                uint64_t bytes;
+                std::memcpy(&bytes, in, 8);
+                if constexpr (std::endian::native == std::endian::little) bytes = __builtin_bswap64(bytes);
+                nextData |= bytes >> nextBits;
+                in += (63 - nextBits) >> 3;
+                nextBits |= 56;
+            } else {
+                while (nextBits <= 56 && in < end) {
+                    nextData |= uint64_t(*in++) << (56 - nextBits);
+                    nextBits += 8;
+                }
+                if (nextBits < codeWidth) return false;
+            }
         }
+        code = uint32_t(nextData >> (64 - codeWidth));
+        nextData <<= codeWidth;
         nextBits -= codeWidth;
-        code = (nextData >> nextBits) & codeMask;
         return true;
     };
 
@@ -346,6 +359,19 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
             uint8_t chunk[16];
             std::memcpy(chunk, from, 16);
             std::memcpy(out, chunk, 16);
+            if (fresh) out[length - 1] = e->value;
+            out += length;
+            left -= length;
+            continue;
+        }
+        if (from != nullptr && length <= 64 && left >= 64 && reinterpret_cast<uintptr_t>(from) + 64 <= readLimit) {
+            // The longer strings of blank stretches: the same with four
+            // 16-byte moves, all read before any is written.
+            const Bytes16 a = Load16(from), b = Load16(from + 16), c = Load16(from + 32), d = Load16(from + 48);
+            Store16(out, a);
+            Store16(out + 16, b);
+            Store16(out + 32, c);
+            Store16(out + 48, d);
             if (fresh) out[length - 1] = e->value;
             out += length;
             left -= length;
