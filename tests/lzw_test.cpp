@@ -235,7 +235,9 @@ TEST(LineDecoders, AFailedRowEndsInZeros) {
         TiffImage.rawLeft = int32_t(strip.size());
         TiffImage.currentRow = 0;
         TiffImage.rowsZeroed = false;
-        if (c.lzw) ASSERT_EQ(LzwStartStrip(), 1);
+        if (c.lzw) {
+            ASSERT_EQ(LzwStartStrip(), 1);
+        }
         Bytes row(5000, 0xEE);
         EXPECT_EQ((c.lzw ? LzwDecodeLine : PackBitsDecodeLine)(row.data(), int32_t(row.size())), 0);
         EXPECT_EQ(std::count(row.begin(), row.end(), 0xEE), 0);

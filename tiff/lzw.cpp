@@ -47,9 +47,24 @@ MemoryBlock LzwStateBlock{};
 
 LzwState *State() { return static_cast<LzwState *>(LzwStateBlock.pointer); }
 
-// Sixteen bytes as one value: GCC lowers this to one vector register where
-// the target has them, to scalar code where it has not.
+// Sixteen bytes as one value: one vector register where the target has
+// them; two words elsewhere (a 32-bit x86 build without SSE, where a vector
+// type would change how functions pass it).
+#if defined(__SSE2__) || defined(__ARM_NEON)
 typedef uint8_t Bytes16 __attribute__((vector_size(16)));
+inline Bytes16 Splat16(uint8_t value) { return Bytes16{} + value; }
+#else
+struct Bytes16 {
+    uint64_t low, high;
+};
+inline Bytes16 operator&(Bytes16 a, Bytes16 b) { return {a.low & b.low, a.high & b.high}; }
+inline Bytes16 operator|(Bytes16 a, Bytes16 b) { return {a.low | b.low, a.high | b.high}; }
+inline Bytes16 operator~(Bytes16 a) { return {~a.low, ~a.high}; }
+inline Bytes16 Splat16(uint8_t value) {
+    const uint64_t word = value * 0x0101010101010101u;
+    return {word, word};
+}
+#endif
 inline Bytes16 Load16(const uint8_t *p) {
     Bytes16 v;
     std::memcpy(&v, p, 16);
@@ -442,8 +457,8 @@ int32_t PackBitsDecodeLine(uint8_t *row, int32_t count) {
             const int32_t length = literal ? n + 1 : 1 - n;
             const int32_t used = literal ? n + 2 : 2;
             if (n == -128 || length > left || used > avail) break;
-            const Bytes16 take = Bytes16{} + uint8_t(~(n >> 7));  // all ones for a literal
-            const Bytes16 fill = Bytes16{} + in[1];
+            const Bytes16 take = Splat16(uint8_t(~(n >> 7)));  // all ones for a literal
+            const Bytes16 fill = Splat16(in[1]);
             Store16(out, (Load16(in + 1) & take) | (fill & ~take));
             Store16(out + 16, (Load16(in + 17) & take) | (fill & ~take));
             if (length > 32) {
