@@ -32,9 +32,13 @@ constexpr int32_t StripBufferStep = 1024;    // the strip buffer grows in steps 
 // The CCITT decoders write only the black spans of a row into a block that
 // is zero-filled once; the other decoders write every byte of every row, so
 // their block is not filled first (the rows they do not reach are cleared
-// by ReadTIF).
-constexpr uint32_t FaxDibFlags = GMEM_MOVEABLE | GMEM_ZEROINIT;
+// by ReadTIF).  A block of ZeroFilledFrom bytes or more is zero-filled for
+// every compression: a new block that large comes from the system already
+// zero, page by page as it is touched, while clearing the rows of an image
+// that declares far more rows than its file holds would touch every page.
+constexpr uint32_t ZeroedDibFlags = GMEM_MOVEABLE | GMEM_ZEROINIT;
 constexpr uint32_t DibFlags = GMEM_MOVEABLE;
+constexpr uint64_t ZeroFilledFrom = uint64_t(16) << 20;
 
 ReaderMemo TifMemo{};
 // The protocol's reset forgets the reader's file; ReadTIF's own file lives
@@ -156,8 +160,8 @@ TL_HANDLE ReadTIF(const char *name, int32_t imageNumber) {
         const uint64_t sizeImage = uint64_t(rowBytes) * height;
         const bool fits = width <= 0x7FFFFFFFu && height <= 0x7FFFFFFFu &&
                           sizeImage + HeaderBytes <= checked::MaxBlockBytes;
-        const bool zeroed = TiffImage.isCcitt;
-        if (fits) block = GlobalAlloc(zeroed ? FaxDibFlags : DibFlags, uintptr_t(sizeImage + HeaderBytes));
+        const bool zeroed = TiffImage.isCcitt || sizeImage >= ZeroFilledFrom;
+        if (fits) block = GlobalAlloc(zeroed ? ZeroedDibFlags : DibFlags, uintptr_t(sizeImage + HeaderBytes));
         if (block == 0) {
             ReportError("ReadTIF", "Out of memory", 0);
         } else if ((bits = static_cast<uint8_t *>(GlobalLock(block))) == nullptr) {
