@@ -178,9 +178,28 @@ TL_HANDLE ReadTIF(const char *name, int32_t imageNumber) {
             // byte of an earlier block can reach a host that cleared the
             // failure from its callback and kept the block.
             TiffImage.rowsZeroed = zeroed;
+            // A row that follows the last one in the strip in the buffer
+            // goes straight to its decoder: TIFFDecodeLine would find the
+            // strip in place and nothing to skip.  Any other row, and so
+            // each strip's first, takes TIFFDecodeLine.
+            const RowDecoder decode = RowDecoderOf(TiffImage.compression);
+            const auto count = int32_t(TiffImage.scanlineSize);
+            uint32_t fastStrip = TiffNoStrip;
+            uint64_t fastFirst = 0, fastEnd = 0;
             for (uint32_t line = 0; line < height; ++line) {
                 row -= rowBytes;
-                if (!TIFFDecodeLine(row, line)) {
+                auto &t = TiffImage;
+                int32_t decoded;
+                if (t.currentStrip == fastStrip && line == t.currentRow && line >= fastFirst && line < fastEnd) {
+                    decoded = decode(row, count);
+                    ++t.currentRow;
+                } else {
+                    decoded = TIFFDecodeLine(row, line);
+                    fastStrip = t.currentStrip;
+                    fastFirst = uint64_t(fastStrip) * t.rowsPerStrip;
+                    fastEnd = fastFirst + t.rowsPerStrip;
+                }
+                if (!decoded) {
                     ReportError("ReadTIF", "TIFFDecodeLine failed", 0);
                     ok = false;
                     if (!zeroed) std::memset(bits + HeaderBytes, 0, size_t(row - (bits + HeaderBytes)));
@@ -228,24 +247,34 @@ TL_HANDLE ReadTIF(const char *name, int32_t imageNumber) {
     return block;
 }
 
+namespace {
+
+int32_t NoRowDecoder(uint8_t *, int32_t) { return 0; }
+
+}  // namespace
+
+RowDecoder RowDecoderOf(uint16_t compression) {
+    switch (compression) {
+    case TiffCompressionNone: return CopyLine;
+    // The CCITT decoders (tiff/fax.h) join here.
+    case TiffCompressionCcittRle:
+    case TiffCompressionCcittG3: return FaxDecodeRows;
+    case TiffCompressionCcittG4: return FaxDecodeRowsG4;
+    case TiffCompressionLzw: return LzwDecodeLine;
+    case TiffCompressionPackBits: return PackBitsDecodeLine;
+    default: return NoRowDecoder;
+    }
+}
+
 int32_t TIFFDecodeLine(uint8_t *row, uint32_t line) {
     auto &t = TiffImage;
     if (!SeekToLine(line)) {
         if (!t.rowsZeroed) std::memset(row, 0, t.scanlineSize);
         return 0;
     }
-    const auto count = int32_t(t.scanlineSize);
-    int32_t result;
-    switch (t.compression) {
-    case TiffCompressionNone: result = CopyLine(row, count); break;
-    // The CCITT decoders (tiff/fax.h) join here.
-    case TiffCompressionCcittRle:
-    case TiffCompressionCcittG3: result = FaxDecodeRows(row, count); break;
-    case TiffCompressionCcittG4: result = FaxDecodeRowsG4(row, count); break;
-    case TiffCompressionLzw: result = LzwDecodeLine(row, count); break;
-    case TiffCompressionPackBits: result = PackBitsDecodeLine(row, count); break;
-    default: return 0;
-    }
+    const RowDecoder decode = RowDecoderOf(t.compression);
+    if (decode == NoRowDecoder) return 0;
+    const int32_t result = decode(row, int32_t(t.scanlineSize));
     ++t.currentRow;
     return result;
 }

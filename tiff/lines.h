@@ -21,6 +21,10 @@ int32_t TiffYPelsPerMeter();
 // Decodes image line `line` (counted from 0) into `row`; nonzero on success.
 // Lines must come in order for the compressed schemes.
 int32_t TIFFDecodeLine(uint8_t *row, uint32_t line);
+// The line decoder of a compression: it delivers the next row of the strip
+// in the buffer; one that delivers nothing for a compression not read.
+using RowDecoder = int32_t (*)(uint8_t *row, int32_t count);
+RowDecoder RowDecoderOf(uint16_t compression);
 int32_t SeekToLine(uint32_t line);
 int32_t LoadStrip(uint32_t strip);
 int32_t StartStrip(uint32_t strip);

@@ -444,38 +444,44 @@ int32_t PackBitsDecodeLine(uint8_t *row, int32_t count) {
     // the strip delivers only the bytes that are there.
     while (avail > 0 && left > 0) {
         // Packets well inside the row and the strip, as pages give them by
-        // the thousand, without a branch on their kind: the first 32 bytes
-        // of a literal and of a run are both formed and one is chosen by a
-        // mask, so that a mix of short literals and runs costs no
-        // mispredicted jumps.  Bytes behind a short packet stay in this row
-        // and the next packet writes over them; a row that is not completed
-        // fails the image.  Reads stay inside the strip (34 bytes from the
-        // control byte) and writes inside the row (32 bytes, or the packet).
+        // the thousand: the first 32 bytes of a literal or a run with two
+        // 16-byte moves, whatever its length, and the rest of a longer one
+        // 16 at a time, the last 16 ending with the packet.  Bytes behind a
+        // short packet stay in this row and the next packet writes over
+        // them; a row that is not completed fails the image.  Reads stay
+        // inside the strip (34 bytes from the control byte, or the packet)
+        // and writes inside the row (32 bytes, or the packet).
         while (left >= 32 && avail >= 34) {
             const int32_t n = int8_t(in[0]);
-            const bool literal = n >= 0;
-            const int32_t length = literal ? n + 1 : 1 - n;
-            const int32_t used = literal ? n + 2 : 2;
-            if (n == -128 || length > left || used > avail) break;
-            const Bytes16 take = Splat16(uint8_t(~(n >> 7)));  // all ones for a literal
-            const Bytes16 fill = Splat16(in[1]);
-            Store16(out, (Load16(in + 1) & take) | (fill & ~take));
-            Store16(out + 16, (Load16(in + 17) & take) | (fill & ~take));
-            if (length > 32) {
-                // 33 to 128 bytes: 16 at a time, the last 16 ending with the
-                // packet (the source is the strip, never the row).
-                if (literal) {
-                    for (int32_t k = 32; k < length - 16; k += 16) Store16(out + k, Load16(in + 1 + k));
-                    Store16(out + length - 16, Load16(in + 1 + length - 16));
-                } else {
+            if (n >= 0) {
+                const int32_t length = n + 1;
+                if (length > left || length + 1 > avail) break;
+                const uint8_t *from = in + 1;
+                Store16(out, Load16(from));
+                Store16(out + 16, Load16(from + 16));
+                if (length > 32) {
+                    for (int32_t k = 32; k < length - 16; k += 16) Store16(out + k, Load16(from + k));
+                    Store16(out + length - 16, Load16(from + length - 16));
+                }
+                in += length + 1;
+                avail -= length + 1;
+                out += length;
+                left -= length;
+            } else {
+                const int32_t length = 1 - n;
+                if (n == -128 || length > left) break;
+                const Bytes16 fill = Splat16(in[1]);
+                Store16(out, fill);
+                Store16(out + 16, fill);
+                if (length > 32) {
                     for (int32_t k = 32; k < length - 16; k += 16) Store16(out + k, fill);
                     Store16(out + length - 16, fill);
                 }
+                in += 2;
+                avail -= 2;
+                out += length;
+                left -= length;
             }
-            in += used;
-            avail -= used;
-            out += length;
-            left -= length;
         }
         if (avail <= 0 || left <= 0) break;
         // The row's last packets, that fit it exactly (fewer than 32 bytes
