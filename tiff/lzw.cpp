@@ -374,7 +374,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
             uint8_t chunk[16];
             std::memcpy(chunk, from, 16);
             std::memcpy(out, chunk, 16);
-            if (fresh) out[length - 1] = e->value;
+            out[length - 1] = e->value;  // the last byte, also of a string made by this code
             out += length;
             left -= length;
             continue;
@@ -387,7 +387,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
             Store16(out + 16, b);
             Store16(out + 32, c);
             Store16(out + 48, d);
-            if (fresh) out[length - 1] = e->value;
+            out[length - 1] = e->value;  // the last byte, also of a string made by this code
             out += length;
             left -= length;
             continue;
