@@ -79,7 +79,7 @@ void ReportRow(const char *format) {
 
 // Copies `n` bytes from `from` to `to`, which do not overlap: short spans
 // with loads and stores that may overlap each other, reading and writing
-// nothing outside the spans; longer ones with memcpy.
+// nothing outside the spans (up to 64 bytes); longer ones with memcpy.
 inline void CopySpan(uint8_t *to, const uint8_t *from, size_t n) {
     if (n >= 8 && n <= 16) {
         uint64_t head, tail;
@@ -101,7 +101,17 @@ inline void CopySpan(uint8_t *to, const uint8_t *from, size_t n) {
         std::memcpy(to + n - 2, &tail, 2);
     } else if (n == 1) {
         *to = *from;
-    } else if (n > 16) {
+    } else if (n > 16 && n <= 32) {
+        const Bytes16 head = Load16(from), tail = Load16(from + n - 16);
+        Store16(to, head);
+        Store16(to + n - 16, tail);
+    } else if (n > 32 && n <= 64) {
+        const Bytes16 a = Load16(from), b = Load16(from + 16), c = Load16(from + n - 32), d = Load16(from + n - 16);
+        Store16(to, a);
+        Store16(to + 16, b);
+        Store16(to + n - 32, c);
+        Store16(to + n - 16, d);
+    } else if (n > 64) {
         std::memcpy(to, from, n);
     }
 }
