@@ -30,7 +30,6 @@ struct LzwState {
     uint16_t codeWidth;        // bits of the next code, 9 to 12
     uint64_t nextData;         // bit accumulator: the next bits at its top, in stream order
     int32_t nextBits;          // bits at its top not yet used
-    uint32_t codeMask;         // (1 << codeWidth) - 1
     uint32_t restart;          // bytes of the string under delivery already delivered
     LzwEntry *restartEntry;    // the string under delivery
     LzwEntry *oldEntry;        // string of the previous code; null at a strip's start
@@ -212,9 +211,8 @@ int32_t LzwStartStrip() {
     // The strip buffer holds at least 1024 bytes, so both bytes are in it.
     if (t.rawCursor[0] == 0 && (t.rawCursor[1] & 1) != 0) return 0;
     s->codeWidth = MinCodeWidth;
-    s->codeMask = (1u << MinCodeWidth) - 1;
     s->freeEntry = s->table + LzwFirstFree;
-    s->maxEntry = s->table + s->codeMask - 1;
+    s->maxEntry = s->table + (1u << MinCodeWidth) - 2;
     s->nextData = 0;
     s->nextBits = 0;
     s->restart = 0;
@@ -272,7 +270,6 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
     uint64_t nextData = s->nextData;
     int32_t nextBits = s->nextBits;
     int32_t codeWidth = s->codeWidth;
-    uint32_t codeMask = s->codeMask;
     LzwEntry *oldEntry = s->oldEntry;
     LzwEntry *freeEntry = s->freeEntry;
     LzwEntry *maxEntry = s->maxEntry;
@@ -316,8 +313,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         if (code == LzwCodeClear) {
             freeEntry = table + LzwFirstFree;
             codeWidth = MinCodeWidth;
-            codeMask = (1u << MinCodeWidth) - 1;
-            maxEntry = table + codeMask - 1;
+            maxEntry = table + (1u << MinCodeWidth) - 2;
             if (!nextCode(code) || code == LzwCodeEoi) break;
             // A code of 256 or above right after CLEAR names no string: it
             // is taken as the end of the data, and the short row reports.
@@ -361,8 +357,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
             // One code early, as TIFF writers do: 10 bits once entry 510 is
             // filled, 11 after 1022, 12 after 2046.
             if (++codeWidth > MaxCodeWidth) codeWidth = MaxCodeWidth;
-            codeMask = (1u << codeWidth) - 1;
-            maxEntry = table + codeMask - 1;
+            maxEntry = table + (1u << codeWidth) - 2;
         }
         oldEntry = e;
 
@@ -429,7 +424,6 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
     s->nextData = nextData;
     s->nextBits = nextBits;
     s->codeWidth = uint16_t(codeWidth);
-    s->codeMask = codeMask;
     s->oldEntry = oldEntry;
     s->freeEntry = freeEntry;
     s->maxEntry = maxEntry;
