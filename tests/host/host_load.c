@@ -33,7 +33,7 @@ int main(void) {
         CHECK(Le32(bytes + TL_DIB_BI_WIDTH) == 49);
         CHECK(Le32(bytes + TL_DIB_BI_HEIGHT) == 24);
         CHECK(Le32(bytes + TL_DIB_BI_CLRUSED) == 2);
-        CHECK(((uintptr_t)bytes >> 32) == 0);
+        CHECK(((uint64_t)(uintptr_t)bytes >> 32) == 0); /* a 32-bit address in 64-bit builds */
         CHECK(GlobalUnlock(block) == 0);
         CHECK(GlobalFree(block) == 0);
     }
