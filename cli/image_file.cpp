@@ -119,6 +119,8 @@ bool IsDark(const Bitmap &bitmap, int32_t x, int32_t y) {
     return sum < 3 * 128;
 }
 
+bool CanWrite(const Bitmap &bitmap) { return bitmap.compression == 0 && bitmap.bits != 0; }
+
 bool WriteBitmap(const Bitmap &bitmap, const std::string &path) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     if (!out) return false;

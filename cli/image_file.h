@@ -41,6 +41,12 @@ bool IsDark(const Bitmap &bitmap, int32_t x, int32_t y);
 // Blue, green, red of pixel (x, y), y counted from the top.
 void PixelColour(const Bitmap &bitmap, int32_t x, int32_t y, uint8_t rgb[3]);
 
+// True when WriteBitmap can write the bitmap: uncompressed, and of at least
+// one bit a pixel.  A header of 0 bits a pixel holds no pixels however wide
+// it says the image is; written out, a file of a hundred bytes would come
+// out as a PPM of hundreds of gigabytes.
+bool CanWrite(const Bitmap &bitmap);
+
 // Writes a 1-bit bitmap as PBM (dark pixels set), any other as PPM.
 bool WriteBitmap(const Bitmap &bitmap, const std::string &path);
 

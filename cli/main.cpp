@@ -131,7 +131,7 @@ int Convert(const std::string &path, const std::string &out) {
     cli::Bitmap bitmap;
     bool copied = cli::CopyBitmap(block, bitmap);
     GlobalFree(block);
-    if (!copied || bitmap.compression != 0) {
+    if (!copied || !cli::CanWrite(bitmap)) {
         fprintf(stderr, "tolimage: %s: pixel data this tool cannot show\n", path.c_str());
         return 1;
     }

@@ -64,7 +64,7 @@ int ConvertAll(const char *file, const char *out) {
         bool copied = CopyBitmap(block, bitmap);
         GlobalFree(block);
         std::string name = NumberedName(out, number++);
-        if (!copied || bitmap.compression != 0) {
+        if (!copied || !CanWrite(bitmap)) {
             fprintf(stderr, "tolimage: %s: image %d: pixel data this tool cannot show\n", file, number - 1);
             status = 1;
         } else if (!WriteBitmap(bitmap, name)) {

@@ -33,6 +33,12 @@ expect 0 "$tool" convert "$samples/sample.bmp" "$out/sample.pbm"
 expect 0 "$tool" convert "$fixtures/bmp/magick_4bit.bmp" "$out/colours.ppm"
 cmp -s "$out/colours.ppm" "$fixtures/bmp/src/colours.ppm" || { echo "FAIL: PPM differs from its source"; fail=1; }
 
+# A header of 0 bits a pixel, 1,291,845,681 pixels wide (a 101-byte file
+# the fuzzer found): loaded, but nothing to write, and no file written.
+expect 1 "$tool" convert "$fixtures/bmp/zero_bits_wide.bmp" "$out/wide.ppm"
+grep -q "zero_bits_wide.bmp: pixel data this tool cannot show" "$out/stderr" || { echo "FAIL: 0 bits a pixel"; cat "$out/stderr"; fail=1; }
+[ ! -e "$out/wide.ppm" ] || { echo "FAIL: a file was written for 0 bits a pixel"; fail=1; }
+
 expect 0 "$tool" info "$samples/sample.pcx"
 grep -q "sample.pcx: PCX, 400 x 200, 1 bpp, 2 colours, 7873 x 7873 pixels/m" "$out/stdout" || { echo "FAIL: PCX info line"; cat "$out/stdout"; fail=1; }
 
