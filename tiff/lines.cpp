@@ -31,8 +31,8 @@ constexpr uint32_t HeaderBytes = 48;         // 40 of header, two palette entrie
 constexpr int32_t StripBufferStep = 1024;    // the strip buffer grows in steps of this
 // The CCITT decoders write only the black spans of a row into a block that
 // is zero-filled once; the other decoders write every byte of every row, so
-// their block is not filled first (the rows they do not reach are cleared
-// by ReadTIF).  A block of ZeroFilledFrom bytes or more is zero-filled for
+// their block is not filled first (ReadTIF clears the pads and the rows
+// passed by as blank).  A block of ZeroFilledFrom bytes or more is zero-filled for
 // every compression: a new block that large comes from the system already
 // zero, page by page as it is touched, while clearing the rows of an image
 // that declares far more rows than its file holds would touch every page.
@@ -173,10 +173,9 @@ TL_HANDLE ReadTIF(const char *name, int32_t imageNumber) {
             // Each row of the block is handed out once, as the block's
             // zero fill left it: the CCITT decoders don't clear it again.
             // In a block that is not zero-filled, ReadTIF clears what no
-            // decoder writes: the pad bytes at each row's end, rows passed
-            // by as blank, and the rows below a failed one, so that no stale
-            // byte of an earlier block can reach a host that cleared the
-            // failure from its callback and kept the block.
+            // decoder writes: the pad bytes at each row's end and the rows
+            // passed by as blank.  A failed row needs nothing: its report
+            // makes ReadTIF free the block.
             TiffImage.rowsZeroed = zeroed;
             // A row that follows the last one in the strip in the buffer
             // goes straight to its decoder: TIFFDecodeLine would find the
@@ -202,7 +201,6 @@ TL_HANDLE ReadTIF(const char *name, int32_t imageNumber) {
                 if (!decoded) {
                     ReportError("ReadTIF", "TIFFDecodeLine failed", 0);
                     ok = false;
-                    if (!zeroed) std::memset(bits + HeaderBytes, 0, size_t(row - (bits + HeaderBytes)));
                     break;
                 }
                 if (!zeroed) {
