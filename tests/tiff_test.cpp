@@ -366,6 +366,7 @@ TEST(TiffLines, UncompressedRowsPastTheFileCostNoBufferAndNoCopies) {
         {"a count of 3 rows over 10", Bilevel(16, 10, 1, {data}).Long(279, 6), 3, 10,
          {"Internal allocation error in line 3", "ReadTIF: TIFFDecodeLine failed"}},
         {"strips of 4 rows, the second past the file", Bilevel(16, 8, 1, {data, {0x3C}}, 4).Longs(279, {8, 8}), 8, 4, {}},
+        {"a strip of 40 rows for 3", Bilevel(16, 3, 1, {Bytes(80, 0x5A)}), 3, 3, {}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
@@ -379,6 +380,7 @@ TEST(TiffLines, UncompressedRowsPastTheFileCostNoBufferAndNoCopies) {
         Bytes bits = test::BlockBytes(r.block);
         test::FreeBlock(r.block);
         ASSERT_EQ(bits.size(), 48 + size_t(c.rows) * 4);
+        EXPECT_EQ(Bytes(bits.begin() + 40, bits.begin() + 48), (Bytes{255, 255, 255, 0, 0, 0, 0, 0})) << "the palette";
         for (size_t row = 0; row < c.rows; row += row < 20 ? 1 : 99991) {
             const uint8_t *at = &bits[48 + (c.rows - 1 - row) * 4];  // the top row last
             for (size_t i = 0; i < 2; ++i) {

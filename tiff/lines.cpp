@@ -119,6 +119,43 @@ uint32_t SkipBlankLines(uint32_t line) {
     return skipped;
 }
 
+// Copies the rows of an uncompressed strip that lie whole in the buffer,
+// from `line` on, into the bitmap from `row` upward (row, row - rowBytes,
+// ...), clearing each pad in a block that is not zero-filled; returns how
+// many rows it copied.  It stops one row short of the held bytes' end, of
+// the strip's rows and of `most`: that row goes to CopyLine, so that what
+// follows it (a short strip's report, rows passed by as blank) is found as
+// row by row.  Each row copied here would have been copied whole by
+// CopyLine, and SkipBlankLines would have passed none by after it.
+uint32_t CopyHeldRows(uint8_t *row, uint32_t rowBytes, uint32_t line, uint64_t stripEnd, uint32_t most) {
+    auto &t = TiffImage;
+    const uint32_t count = t.scanlineSize;
+    if (count == 0 || t.rawLeft <= 0 || t.rawCursor >= t.rawHeldEnd) return 0;
+    uint64_t rows = stripEnd - line;
+    if (most < rows) rows = most;
+    const uint64_t promised = uint64_t(t.rawLeft) / count;
+    if (promised < rows) rows = promised;
+    const uint64_t held = uint64_t(t.rawHeldEnd - t.rawCursor) / count;
+    if (held < rows) rows = held;
+    if (rows < 2) return 0;
+    --rows;
+    const uint8_t *from = t.rawCursor;
+    const uint32_t padBytes = rowBytes - count;
+    const bool clearPads = !t.rowsZeroed && padBytes > 0;
+    for (uint64_t i = 0; i < rows; ++i, from += count, row -= rowBytes) {
+        std::memcpy(row, from, count);
+        if (clearPads) {  // 1 to 3 bytes, since count is (width + 7) / 8
+            row[count] = 0;
+            if (padBytes > 1) row[count + 1] = 0;
+            if (padBytes > 2) row[count + 2] = 0;
+        }
+    }
+    t.rawCursor += rows * count;
+    t.rawLeft -= int32_t(rows * count);
+    t.currentRow += uint32_t(rows);
+    return uint32_t(rows);
+}
+
 void FormatRowMessage(const char *format, uint32_t row) {
     wsprintfA(TiffImage.messageBuffer, format, row);
     ReportError(ReadTitle, TiffImage.messageBuffer, 0);
@@ -190,6 +227,12 @@ TL_HANDLE ReadTIF(const char *name, int32_t imageNumber) {
                 auto &t = TiffImage;
                 int32_t decoded;
                 if (t.currentStrip == fastStrip && line == t.currentRow && line >= fastFirst && line < fastEnd) {
+                    if (t.compression == TiffCompressionNone) {
+                        // Whole rows held in the buffer are copied in one loop.
+                        const uint32_t copied = CopyHeldRows(row, rowBytes, line, fastEnd, height - line);
+                        line += copied;
+                        row -= uintptr_t(copied) * rowBytes;
+                    }
                     decoded = decode(row, count);
                     ++t.currentRow;
                 } else {
