@@ -275,8 +275,20 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges1DLocal(Fax
     int32_t result;
     FaxWindow w;
     FaxWindowStart(w, bits);
-    // A run that reaches the width ends the row there.
+    // A run that reaches the width ends the row there.  Under compression
+    // 3 the EOL behind it is mostly in the window: eleven 0 bits or more,
+    // then the 1 that ends the search, taken at once.
     auto rowFull = [&]() {
+        if (w.on && faxScheme == TiffCompressionCcittG3) {
+            if (w.nb < 32) FaxWindowFill(w, bits);
+            const int32_t zeros = w.acc != 0 ? __builtin_clzll(w.acc) : 64;
+            if (zeros >= 11 && zeros < w.nb) {
+                FaxWindowTake(w, uint32_t(zeros + 1));
+                FaxWindowSync(w, bits);
+                FaxCloseChanges(end, changes, width, width);
+                return 1;
+            }
+        }
         FaxWindowSync(w, bits);
         FaxEndRow1D(bits);
         FaxCloseChanges(end, changes, width, width);
@@ -316,6 +328,15 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges1DLocal(Fax
                         pos += next;
                         end = FaxPushChange(end, pos);
                         continue;
+                    }
+                    // The white run that ends the row: the make-up code and
+                    // a terminating code (of 8 bits at most) to the width.
+                    const uint32_t term = FaxRunFirst[(w.acc << n) >> 56];
+                    const uint32_t termBits = term & 15u;
+                    if (termBits != 0 && (term >> 4) < 64 && int32_t(n + termBits) <= w.nb &&
+                        int32_t(more + (term >> 4)) >= width - pos) {
+                        FaxWindowTake(w, n + termBits);
+                        return rowFull();
                     }
                 }
             }
