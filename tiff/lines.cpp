@@ -156,6 +156,52 @@ uint32_t CopyHeldRows(uint8_t *row, uint32_t rowBytes, uint32_t line, uint64_t s
     return uint32_t(rows);
 }
 
+// Decodes up to `rows` rows that follow in the strip, in one loop: the
+// first into `row`, each next one rowBytes below the one before (the
+// bitmap's rows run upward), the pad behind each cleared in a block that is
+// not zero-filled.  Returns the rows delivered; `failed` is set when the
+// next one failed (its decoder has reported).  After a row that leaves a
+// CCITT strip with no byte, it returns: ReadTIF decodes the next row itself
+// and asks whether the ones behind it stay blank.  That row comes out white
+// and unreported, as the rows passed by do.
+template <RowDecoder Decode>
+uint32_t DecodeFollowingRows(uint8_t *row, uint32_t rowBytes, uint32_t rows, bool &failed) {
+    auto &t = TiffImage;
+    const auto count = int32_t(t.scanlineSize);
+    const uint32_t padBytes = rowBytes - t.scanlineSize;
+    const bool clearPads = !t.rowsZeroed && padBytes > 0;
+    for (uint32_t i = 0; i < rows; ++i, row -= rowBytes) {
+        const int32_t decoded = Decode(row, count);
+        ++t.currentRow;
+        if (!decoded) {
+            failed = true;
+            return i;
+        }
+        if (clearPads) {  // 1 to 3 bytes, since count is (width + 7) / 8
+            row[count] = 0;
+            if (padBytes > 1) row[count + 1] = 0;
+            if (padBytes > 2) row[count + 2] = 0;
+        }
+        if (t.isCcitt && t.rawLeft == 0) return i + 1;
+    }
+    return rows;
+}
+
+using RowsDecoder = uint32_t (*)(uint8_t *row, uint32_t rowBytes, uint32_t rows, bool &failed);
+
+// The loop of DecodeFollowingRows for a compression; none for uncompressed
+// strips (CopyHeldRows) and compressions not read.
+RowsDecoder RowsDecoderOf(uint16_t compression) {
+    switch (compression) {
+    case TiffCompressionCcittRle:
+    case TiffCompressionCcittG3: return DecodeFollowingRows<FaxDecodeRows>;
+    case TiffCompressionCcittG4: return DecodeFollowingRows<FaxDecodeRowsG4>;
+    case TiffCompressionLzw: return DecodeFollowingRows<LzwDecodeLine>;
+    case TiffCompressionPackBits: return DecodeFollowingRows<PackBitsDecodeLine>;
+    default: return nullptr;
+    }
+}
+
 void FormatRowMessage(const char *format, uint32_t row) {
     wsprintfA(TiffImage.messageBuffer, format, row);
     ReportError(ReadTitle, TiffImage.messageBuffer, 0);
@@ -219,6 +265,7 @@ TL_HANDLE ReadTIF(const char *name, int32_t imageNumber) {
             // strip in place and nothing to skip.  Any other row, and so
             // each strip's first, takes TIFFDecodeLine.
             const RowDecoder decode = RowDecoderOf(TiffImage.compression);
+            const RowsDecoder decodeRows = RowsDecoderOf(TiffImage.compression);
             const auto count = int32_t(TiffImage.scanlineSize);
             uint32_t fastStrip = TiffNoStrip;
             uint64_t fastFirst = 0, fastEnd = 0;
@@ -227,14 +274,27 @@ TL_HANDLE ReadTIF(const char *name, int32_t imageNumber) {
                 auto &t = TiffImage;
                 int32_t decoded;
                 if (t.currentStrip == fastStrip && line == t.currentRow && line >= fastFirst && line < fastEnd) {
+                    // The rows behind this one in the strip but its last
+                    // are decoded (whole rows held copied) in one loop.
+                    bool failed = false;
                     if (t.compression == TiffCompressionNone) {
-                        // Whole rows held in the buffer are copied in one loop.
                         const uint32_t copied = CopyHeldRows(row, rowBytes, line, fastEnd, height - line);
                         line += copied;
                         row -= uintptr_t(copied) * rowBytes;
+                    } else if (decodeRows != nullptr) {
+                        const uint64_t rows = (fastEnd < height ? fastEnd : height) - line;
+                        if (rows > 1) {
+                            const uint32_t done = decodeRows(row, rowBytes, uint32_t(rows - 1), failed);
+                            line += done;
+                            row -= uintptr_t(done) * rowBytes;
+                        }
                     }
-                    decoded = decode(row, count);
-                    ++t.currentRow;
+                    if (failed) {
+                        decoded = 0;
+                    } else {
+                        decoded = decode(row, count);
+                        ++t.currentRow;
+                    }
                 } else {
                     decoded = TIFFDecodeLine(row, line);
                     fastStrip = t.currentStrip;
