@@ -172,6 +172,8 @@ TEST(TiffReader, RefusalsReportInOrderAndLeaveNothingBehind) {
         {"LZW second strip cut", Bilevel(8, 2, 5, {lzwCut, {0x80, 0x40, 0x40}}, 1),
          {"Unexpected code in line 1", decode}},
         {"PackBits short", Bilevel(32, 2, 32773, {{0x03, 1, 2, 3, 4, 0x01, 5}}), {shortRow + "1", decode}},
+        // Group 4 rows of 8 white pixels (V0) and a bad code (seven 0 bits) in row 1 of 4.
+        {"G4 bad code in a middle row", Bilevel(8, 4, 4, {{0x80, 0x00, 0x00}}), {"Unexpected code in line 1", decode}},
         {"PackBits short in a middle row", Bilevel(32, 4, 32773, {{0x03, 1, 2, 3, 4, 0x01, 5}}), {shortRow + "1", decode}},
         {"width 2^31", huge(0x80000000u, 1), {oom}},
         {"length 2^31", huge(1, 0x80000000u), {oom}},

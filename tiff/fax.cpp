@@ -500,3 +500,36 @@ int32_t FaxDecodeRows(uint8_t *row, int32_t size) {
     StoreBits(bits);
     return 1;
 }
+
+uint32_t FaxDecodeRowsUpward(uint8_t *row, uint32_t rowBytes, uint32_t rows, bool &failed) {
+    auto &t = TiffImage;
+    if (faxState == nullptr || faxState->rowBytes == 0 || faxState->rowBytes > rowBytes) return 0;
+    FaxState &f = *faxState;
+    const bool g4 = faxScheme == TiffCompressionCcittG4;
+    const bool tagged = !g4 && (t.group3Options & 1u) != 0;
+    const uint32_t pad = rowBytes - f.rowBytes;
+    FaxBits bits = LoadBits();
+    uint32_t done = 0;
+    while (done < rows) {
+        const int32_t result = FaxDecodeNextRow(bits, row, g4 || f.nextIs2D != 0);
+        // As FaxDecodeRowsG4 and FaxDecodeRows take a row: a row that found
+        // no data is not the next one's reference, nor followed by a tag bit.
+        if (g4) {
+            if (result >= 0) FaxAdvanceReference(row);
+        } else if (result != -3 && tagged) {
+            f.nextIs2D = FaxReadTagBit(bits) == 0 ? 1 : 0;
+            FaxAdvanceReference(row);
+        }
+        ++t.currentRow;
+        if (g4 && result < 0 && result != -3) {
+            failed = true;
+            break;
+        }
+        if (!t.rowsZeroed && pad > 0) std::memset(row + f.rowBytes, 0, pad);
+        ++done;
+        if (bits.left == 0) break;
+        row -= rowBytes;
+    }
+    StoreBits(bits);
+    return done;
+}

@@ -130,6 +130,13 @@ int32_t FaxDecodeRows(uint8_t *row, int32_t size);
 // Decodes rows of compression 4.  1, or 0 when a row ended short at a bad
 // code (reported).
 int32_t FaxDecodeRowsG4(uint8_t *row, int32_t size);
+// Decodes up to `rows` rows of any of the three compressions, each as one
+// call of FaxDecodeRows or FaxDecodeRowsG4 would, with currentRow counted
+// on after each: the first into `row`, each next one rowBytes below the one
+// before (the bitmap's rows run upward).  Returns the rows delivered; stops
+// after a row that leaves the strip with no byte, and before a row of
+// compression 4 that failed (reported; `failed` set, currentRow counted).
+uint32_t FaxDecodeRowsUpward(uint8_t *row, uint32_t rowBytes, uint32_t rows, bool &failed);
 // Whether every later row of the current strip would come out white, with
 // result -3, without a report anyone hears and without a change of state
 // but the row count: the strip has no bits left, or only the bits a row

@@ -194,8 +194,8 @@ using RowsDecoder = uint32_t (*)(uint8_t *row, uint32_t rowBytes, uint32_t rows,
 RowsDecoder RowsDecoderOf(uint16_t compression) {
     switch (compression) {
     case TiffCompressionCcittRle:
-    case TiffCompressionCcittG3: return DecodeFollowingRows<FaxDecodeRows>;
-    case TiffCompressionCcittG4: return DecodeFollowingRows<FaxDecodeRowsG4>;
+    case TiffCompressionCcittG3:
+    case TiffCompressionCcittG4: return FaxDecodeRowsUpward;
     case TiffCompressionLzw: return DecodeFollowingRows<LzwDecodeLine>;
     case TiffCompressionPackBits: return DecodeFollowingRows<PackBitsDecodeLine>;
     default: return nullptr;
