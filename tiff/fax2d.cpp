@@ -332,9 +332,27 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges2DLocal(Fax
                 pair = FaxPairFirst[uint32_t(colour) * 4096 + uint32_t(w.acc >> 52)];
                 if (int32_t(pair & 15u) > w.nb) pair = 0;
             }
+            // A white run of 64 pixels or more, as a strip's first row of
+            // a form gives them: its make-up code, then the pair of its
+            // terminating code and the black run, looked up together
+            // before either is taken.
+            uint32_t makeupBits = 0, makeupRun = 0;
+            if (pair == 0 && colour == 0 && w.on) {
+                uint32_t makeup = FaxRunFirst[w.acc >> 56];
+                if ((makeup & 15u) == 0) makeup = FaxRunLong[w.acc >> 51];
+                const uint32_t n = makeup & 15u;
+                if (n != 0 && (makeup >> 4) >= 64) {
+                    const uint32_t after = FaxPairFirst[(w.acc << n) >> 52];
+                    if (after != 0 && int32_t(n + (after & 15u)) <= w.nb) {
+                        pair = after;
+                        makeupBits = n;
+                        makeupRun = makeup >> 4;
+                    }
+                }
+            }
             if (pair != 0) {
-                FaxWindowTake(w, pair & 15u);
-                first = int32_t(pair >> 4) & 63;
+                FaxWindowTake(w, makeupBits + (pair & 15u));
+                first = int32_t(makeupRun) + (int32_t(pair >> 4) & 63);
                 second = int32_t(pair >> 10);
             } else {
                 first = FaxHorizontalRun(w, bits, colour);
