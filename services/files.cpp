@@ -211,6 +211,26 @@ void ForgetReadWindows() {
     for (FileSlot &slot : FileTable) slot.window.length = 0;
 }
 
+const uint8_t *ReadInPlace(ManagedFile file, uint32_t count) {
+    if (count == 0) return nullptr;
+    const int32_t slot = FindFileSlot(file);
+    if (slot < 0 || strcmp(FileTable[slot].mode, "r") != 0) return nullptr;
+    ReadWindow &w = FileTable[slot].window;
+    // Only a window already made (the first read of a file makes it, with
+    // a small first fill) and large enough for the bytes.
+    if (!w.buffered || w.bytes == nullptr || count > w.capacity) return nullptr;
+    auto held = [&] {
+        return w.position >= w.start && uint64_t(w.position) + count <= uint64_t(w.start) + w.length;
+    };
+    if (!held()) {
+        bool failed = false;
+        if (!FillWindow(file, w, failed) || !held()) return nullptr;
+    }
+    const uint8_t *bytes = w.bytes + (w.position - w.start);
+    w.position += count;
+    return bytes;
+}
+
 ManagedFile TL_OPEN(const char *name, const char *mode) {
     if (name == nullptr) {
         ReportError(Title, "TL_OPEN  filename==NULL", 0);

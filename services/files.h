@@ -24,6 +24,15 @@ int32_t TL_CLOSE(ManagedFile file);        // 0; 1 close failed; -1 unknown hand
 // open from one image call to the next (a walk) is read anew from the
 // system and a file that changed in between is seen as it is now.
 void ForgetReadWindows();
+// Reads `count` bytes at the position of a file opened for reading only,
+// without copying them: their address in the file's read window, which
+// stays valid and unchanged until the next call on the file (or its
+// close); the position moves behind them, as TL_READ would move it.
+// nullptr, with nothing read, the position unmoved and no report, where
+// the bytes cannot be had so: not such a file, more than the window holds,
+// the file ending before them, a failed read.  The caller then reads them
+// with TL_READ, which gives the short read or failure as it always does.
+const uint8_t *ReadInPlace(ManagedFile file, uint32_t count);
 
 // Slot of the first table entry holding `handle`, or -1.
 int32_t FindFileSlot(ManagedFile handle);

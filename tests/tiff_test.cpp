@@ -293,6 +293,13 @@ TEST(TiffDirectory, StripTablesRowsPerStripAndByteCounts) {
 
 // ---- the strip engine ----------------------------------------------------
 
+uint8_t ReverseByte(uint8_t v) {
+    uint8_t r = 0;
+    for (int b = 0; b < 8; ++b)
+        if (v & (1u << b)) r |= uint8_t(0x80u >> b);
+    return r;
+}
+
 TEST(TiffLines, StripBufferSkipsRestartsAndFillOrder) {
     test::QuietDefaults();
     test::LeakGuard guard;
@@ -301,11 +308,18 @@ TEST(TiffLines, StripBufferSkipsRestartsAndFillOrder) {
         EXPECT_NE(TIFFDecodeLine(row, n), 0) << "line " << n;
         return row[0] << 8 | row[1];
     };
-    // Strips of 1, 1024, 1025 and 10 bytes: buffers of 1024, 1024, 2048 and 2048; only the third allocates anew.
-    ASSERT_EQ(Open(Bilevel(8, 4, 1, {Bytes(1, 1), Bytes(1024, 2), Bytes(1025, 3), Bytes(10, 4)}, 1)), 1);
+    // Strips of 1, 1024, 1025 and 10 bytes.  Held whole by the file, they are decoded where the file's
+    // read window has them: no strip buffer.  In FillOrder 2, copied and reversed: buffers of 1024, 1024,
+    // 2048 and 2048; only the third allocates anew.
+    const auto strips = Bilevel(8, 4, 1, {Bytes(1, 1), Bytes(1024, 2), Bytes(1025, 3), Bytes(10, 4)}, 1);
+    ASSERT_EQ(Open(strips), 1);
+    for (uint32_t n = 0; n < 4; ++n) EXPECT_EQ(line(n), int(n + 1) << 8);
+    EXPECT_EQ(TiffImage.stripBuffer.handle, 0u);
+    TiffClose();
+    ASSERT_EQ(Open(TiffBuilder(strips).Short(266, 2)), 1);
     uint32_t handles[4];
     for (uint32_t n = 0; n < 4; ++n) {
-        EXPECT_EQ(line(n), int(n + 1) << 8);
+        EXPECT_EQ(line(n), int(ReverseByte(uint8_t(n + 1))) << 8);
         EXPECT_EQ(TiffImage.stripBufferSize, n < 2 ? 1024 : 2048) << n;
         EXPECT_EQ(TiffImage.currentStrip, n);
         EXPECT_EQ(TiffImage.currentRow, n + 1);
@@ -339,6 +353,39 @@ TEST(TiffLines, StripBufferSkipsRestartsAndFillOrder) {
             EXPECT_EQ(line(1), 0x070F) << compression;
         }
         TiffClose();
+    }
+    EXPECT_TRUE(guard.Same());
+}
+
+// Strips decoded where the file's read window has them, in a file several
+// windows long: strips that cross a window's end, and strips stored in the
+// reverse order, read by seeking back.  Each row comes out as stored.
+TEST(TiffReader, StripsReadInPlaceAcrossWindowsAndSeeks) {
+    test::QuietDefaults();
+    test::LeakGuard guard;
+    const uint32_t width = 8192, rowsPerStrip = 7, strips = 90, stripBytes = 1024 * rowsPerStrip;
+    const uint32_t height = rowsPerStrip * strips;
+    std::vector<Bytes> data(strips);
+    uint32_t seed = 1;
+    for (auto &strip : data)
+        for (uint32_t i = 0; i < stripBytes; ++i) strip.push_back(uint8_t((seed = seed * 1103515245u + 12345u) >> 16));
+    for (bool reversed : {false, true}) {
+        SCOPED_TRACE(reversed ? "stored in reverse" : "stored in order");
+        TiffBuilder b = Bilevel(width, height, 1, data, rowsPerStrip).Short(262, 0);
+        if (reversed) {
+            b.strips.assign(data.rbegin(), data.rend());
+            std::vector<uint32_t> offsets;
+            for (uint32_t k = 0; k < strips; ++k) offsets.push_back(8 + (strips - 1 - k) * stripBytes);
+            b.Longs(273, offsets);
+        }
+        const Bytes bits = LoadBytes(Write(b));
+        ASSERT_EQ(bits.size(), 48 + size_t(height) * 1024);
+        for (uint32_t row = 0; row < height; ++row) {
+            const Bytes &strip = data[row / rowsPerStrip];
+            const auto from = strip.begin() + long(row % rowsPerStrip) * 1024;
+            const auto at = bits.begin() + 48 + long(height - 1 - row) * 1024;
+            ASSERT_TRUE(std::equal(from, from + 1024, at)) << "row " << row;
+        }
     }
     EXPECT_TRUE(guard.Same());
 }

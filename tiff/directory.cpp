@@ -206,7 +206,7 @@ int32_t TiffOpen(const char *name) {
         return 0;
     }
     t.stripBuffer = MemoryBlock{};
-    t.rawCursor = nullptr;
+    t.rawCursor = t.rawStart = nullptr;
     t.stripBufferSize = 0;
     if (!TiffReadDirectory()) {
         TiffClose();
@@ -507,7 +507,7 @@ void TiffClose() {
         BlockUnlock(&t.stripBuffer);
         BlockFree(&t.stripBuffer);
     }
-    t.rawCursor = nullptr;
+    t.rawCursor = t.rawStart = nullptr;
     t.rowsZeroed = false;
     // The handle is forgotten once closed: the platform may give the same
     // number to the next file opened, which a second close must not touch.

@@ -89,9 +89,10 @@ struct TiffImageRecord {
     uint32_t currentStrip;     // strip in the buffer; 0xFFFFFFFF for none
     MemoryBlock stripBuffer;   // the strip as stored in the file
     int32_t stripBufferSize;   // its size, a multiple of 1024
-    uint8_t *rawCursor;        // next unread byte of the strip
+    const uint8_t *rawStart;   // the strip's first byte: in the strip buffer or the file's read window
+    const uint8_t *rawCursor;  // next unread byte of the strip
     int32_t rawLeft;           // bytes the strip table promises behind rawCursor
-    uint8_t *rawHeldEnd;       // behind the strip's bytes that the file held (uncompressed strips)
+    const uint8_t *rawHeldEnd; // behind the strip's bytes that the file held (uncompressed strips)
     uint32_t fileLength;       // the file's length at TiffOpen
     int64_t stripReadEnd;      // file position behind the last strip read; -1 when unknown
     char messageBuffer[128];   // every formatted message of the TIFF reader

@@ -37,7 +37,7 @@ FaxBits LoadBits() {
 }
 
 void StoreBits(const FaxBits &bits) {
-    TiffImage.rawCursor = const_cast<uint8_t *>(bits.cursor);
+    TiffImage.rawCursor = bits.cursor;
     TiffImage.rawLeft = bits.left;
     faxState->curByte = uint16_t(bits.curByte);
     faxState->position = int16_t(bits.position);

@@ -451,23 +451,36 @@ int32_t LoadStrip(uint32_t strip) {
         const uint32_t inFile = offset < t.fileLength ? t.fileLength - offset : 0;
         if (uint32_t(held) > inFile) held = int32_t(inFile);
     }
+    // No strip is loaded while this one is read: a failed read leaves none.
+    t.currentStrip = TiffNoStrip;
+    // A strip the file holds whole, in bytes that are decoded as they
+    // stand, is decoded where the file's read window has it, with no copy:
+    // nothing touches the file until the strip is done.
+    const uint32_t offset = t.stripOffsets[strip];
+    if (held == count && (t.fillOrder == 1 || t.isCcitt) && SeekForStrip(offset)) {
+        if (const uint8_t *bytes = ReadInPlace(t.tiffFile, uint32_t(count))) {
+            t.stripReadEnd = int64_t(offset) + count;
+            t.rawStart = bytes;
+            t.rawHeldEnd = bytes + count;
+            return StartStrip(strip);
+        }
+    }
     const bool fresh = held > t.stripBufferSize || held == 0;
     if (fresh) {
-        t.currentStrip = TiffNoStrip;
         const uint64_t size = (uint64_t(held > 0 ? held : 1) + StripBufferStep - 1) & ~uint64_t(StripBufferStep - 1);
         if (size > checked::MaxBlockBytes) return 0;
         if (!ResizeStripBuffer(int32_t(size))) return 0;
     }
     auto *buffer = static_cast<uint8_t *>(t.stripBuffer.pointer);
     const int32_t got = held > 0 ? ReadStripBytes(strip, buffer, held) : 0;
-    // A new buffer is zeros behind what the read brought, as a zero-filled
-    // block would be; filling only that tail spares a pass over a large
-    // strip.  A buffer kept from an earlier strip keeps its bytes there.
-    if (fresh) {
-        const int32_t filled = got > 0 ? got : 0;
-        std::memset(buffer + filled, 0, size_t(t.stripBufferSize - filled));
-    }
     if (got == -1) return 0;
+    // Zeros behind what the read brought: all the way in a new buffer, as
+    // a zero-filled block would be (filling only that tail spares a pass
+    // over a large strip); in a kept one up to the strip's end, where a
+    // short read (of a file cut since it was opened) would leave bytes of
+    // an earlier strip.
+    std::memset(buffer + got, 0, size_t((fresh ? t.stripBufferSize : held) - got));
+    t.rawStart = buffer;
     t.rawHeldEnd = buffer + (held < count ? got : count);
     // Bits of compressions 1, 5 and 32773 are put in order here, once per
     // load; the CCITT decoders read through BitOrderTable instead.
@@ -477,9 +490,9 @@ int32_t LoadStrip(uint32_t strip) {
 
 int32_t StartStrip(uint32_t strip) {
     auto &t = TiffImage;
-    if (t.stripBuffer.pointer == nullptr || strip >= TiffMaxStrips || t.stripsPerImage == 0) return 0;
+    if (t.rawStart == nullptr || strip >= TiffMaxStrips || t.stripsPerImage == 0) return 0;
     t.currentStrip = strip;
-    t.rawCursor = static_cast<uint8_t *>(t.stripBuffer.pointer);
+    t.rawCursor = t.rawStart;
     t.rawLeft = int32_t(t.stripByteCounts[strip]);
     t.currentRow = (strip % t.stripsPerImage) * t.rowsPerStrip;
     if (t.isCcitt) return FaxPrepareStrip();
@@ -494,7 +507,7 @@ int32_t ResizeStripBuffer(int32_t size) {
         BlockFree(&t.stripBuffer);
         t.stripBuffer = MemoryBlock{};
     }
-    t.rawCursor = nullptr;
+    t.rawCursor = t.rawStart = nullptr;
     t.stripBufferSize = size;
     if (size > 0) {
         // Not zero-filled: LoadStrip fills it and zeroes the rest.
@@ -508,16 +521,23 @@ int32_t ResizeStripBuffer(int32_t size) {
     return 0;
 }
 
+bool SeekForStrip(uint32_t offset) {
+    auto &t = TiffImage;
+    // TL_SEEK takes a signed offset: one past 2 GiB is a failed seek.  A
+    // strip that follows the one read last needs no seek.
+    if (offset > 0x7FFFFFFFu) return false;
+    if (int64_t(offset) != t.stripReadEnd && TL_SEEK(t.tiffFile, int32_t(offset), 0) != 0) {
+        t.stripReadEnd = -1;
+        return false;
+    }
+    t.stripReadEnd = offset;
+    return true;
+}
+
 int32_t ReadStripBytes(uint32_t strip, uint8_t *buffer, int32_t count) {
     auto &t = TiffImage;
     const uint32_t offset = t.stripOffsets[strip];
-    // TL_SEEK takes a signed offset: one past 2 GiB is a failed seek.  A
-    // strip that follows the one read last needs no seek.
-    if (offset > 0x7FFFFFFFu) return -1;
-    if (int64_t(offset) != t.stripReadEnd && TL_SEEK(t.tiffFile, int32_t(offset), 0) != 0) {
-        t.stripReadEnd = -1;
-        return -1;
-    }
+    if (!SeekForStrip(offset)) return -1;
     const uint32_t got = TL_READ(buffer, uint32_t(count), t.tiffFile);
     // Only a whole read leaves the position known.
     t.stripReadEnd = got == uint32_t(count) ? int64_t(offset) + got : -1;

@@ -31,6 +31,9 @@ int32_t StartStrip(uint32_t strip);
 // Replaces the strip buffer by one of `size` bytes, not zero-filled (LoadStrip
 // zeroes what its read leaves); nonzero on success.
 int32_t ResizeStripBuffer(int32_t size);
+// Puts the file's position at `offset` for a strip's bytes, with no seek
+// where the bytes read last end there; false when the seek failed.
+bool SeekForStrip(uint32_t offset);
 // Reads `count` bytes of strip `strip`; -1 if the seek failed, else what
 // the read gave.
 int32_t ReadStripBytes(uint32_t strip, uint8_t *buffer, int32_t count);

@@ -208,8 +208,9 @@ int32_t LzwStartStrip() {
     LzwState *s = State();
     const auto &t = TiffImage;
     // Nine bits spelling CLEAR lowest bit first: a bit order not decoded.
-    // The strip buffer holds at least 1024 bytes, so both bytes are in it.
-    if (t.rawCursor[0] == 0 && (t.rawCursor[1] & 1) != 0) return 0;
+    // A strip of one byte has no second: it reads as 0, as the zeros behind
+    // a strip in a new strip buffer did.
+    if (t.rawLeft >= 2 && t.rawCursor[0] == 0 && (t.rawCursor[1] & 1) != 0) return 0;
     s->codeWidth = MinCodeWidth;
     s->freeEntry = s->table + LzwFirstFree;
     s->maxEntry = s->table + (1u << MinCodeWidth) - 2;
@@ -420,7 +421,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         break;
     }
 
-    t.rawCursor = const_cast<uint8_t *>(in);
+    t.rawCursor = in;
     s->nextData = nextData;
     s->nextBits = nextBits;
     s->codeWidth = uint16_t(codeWidth);
@@ -528,7 +529,7 @@ int32_t PackBitsDecodeLine(uint8_t *row, int32_t count) {
             left -= len;
         }
     }
-    t.rawCursor = const_cast<uint8_t *>(in);
+    t.rawCursor = in;
     t.rawLeft = avail;
     if (left > 0) {
         // The rest of the row is white, not what an earlier block left.
