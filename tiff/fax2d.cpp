@@ -255,7 +255,10 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges2DLocal(Fax
                                                                              int32_t *changes, int32_t width) {
     int32_t *end = changes;
     const int32_t *b1 = ref;  // ref[-1] is -1, behind no a1
-    int32_t a0 = -1;
+    // a0 starts at 0, not before the row: no code here tells the two apart
+    // (a1 is never before pixel 0, and the runs of a horizontal code start
+    // at 0 either way), and so a1 has one bound to keep.
+    int32_t a0 = 0;
     int32_t colour = 0;
     int32_t result = 1;
     if (bits.position >= int32_t(FaxModeRows)) bits.position = 0;
@@ -264,16 +267,19 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges2DLocal(Fax
     // ended (result set), FaxRowToBitmap when a1 went back before a0.
     auto vertical = [&](int32_t d) __attribute__((always_inline)) -> int32_t {
         int32_t a1 = *b1 + d;
-        if (a1 < a0 || a1 < 0) return FaxRowToBitmap;
-        if (a1 > width) a1 = width;  // up to three pixels behind: never written
-        end = FaxPushChange(end, a1);
-        a0 = a1;
-        colour ^= 1;
-        if (a1 >= width) {
+        if (a1 < a0) return FaxRowToBitmap;
+        if (a1 >= width) [[unlikely]] {
+            a1 = width;  // up to three pixels behind: never written
+            end = FaxPushChange(end, a1);
+            a0 = a1;
+            colour ^= 1;
             FaxWindowSync(w, bits);
             result = FaxEndRow2D(bits, a0, width);
             return 1;
         }
+        end = FaxPushChange(end, a1);
+        a0 = a1;
+        colour ^= 1;
         // The first change behind a1 of the other parity: the one before
         // b1 when it lies behind a1 (a1 < b1 - 1, after a change of a pixel
         // or two), else the one after b1 or later.
@@ -359,7 +365,6 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges2DLocal(Fax
                 second = FaxHorizontalRun(w, bits, colour ^ 1);
             }
             if (first >= 0 && second >= 0) {
-                if (a0 < 0) a0 = 0;
                 if (first > width - a0) first = width - a0;
                 a0 += first;
                 end = FaxPushChange(end, a0);
@@ -394,7 +399,7 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges2DLocal(Fax
             break;
         }
     }
-    FaxCloseChanges(end, changes, a0 < 0 ? 0 : (a0 < width ? a0 : width), width);
+    FaxCloseChanges(end, changes, a0 < width ? a0 : width, width);
     return result;
 }
 
