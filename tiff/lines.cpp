@@ -457,7 +457,8 @@ int32_t LoadStrip(uint32_t strip) {
     // stand, is decoded where the file's read window has it, with no copy:
     // nothing touches the file until the strip is done.
     const uint32_t offset = t.stripOffsets[strip];
-    if (held == count && (t.fillOrder == 1 || t.isCcitt) && SeekForStrip(offset)) {
+    if (held > 0 && !SeekForStrip(offset)) return 0;
+    if (held == count && (t.fillOrder == 1 || t.isCcitt)) {
         if (const uint8_t *bytes = ReadInPlace(t.tiffFile, uint32_t(count))) {
             t.stripReadEnd = int64_t(offset) + count;
             t.rawStart = bytes;
@@ -537,7 +538,7 @@ bool SeekForStrip(uint32_t offset) {
 int32_t ReadStripBytes(uint32_t strip, uint8_t *buffer, int32_t count) {
     auto &t = TiffImage;
     const uint32_t offset = t.stripOffsets[strip];
-    if (!SeekForStrip(offset)) return -1;
+    if (!SeekForStrip(offset)) return -1;  // no system call where LoadStrip has just put the position there
     const uint32_t got = TL_READ(buffer, uint32_t(count), t.tiffFile);
     // Only a whole read leaves the position known.
     t.stripReadEnd = got == uint32_t(count) ? int64_t(offset) + got : -1;
