@@ -308,13 +308,17 @@ TEST(TiffLines, StripBufferSkipsRestartsAndFillOrder) {
         EXPECT_NE(TIFFDecodeLine(row, n), 0) << "line " << n;
         return row[0] << 8 | row[1];
     };
-    // Strips of 1, 1024, 1025 and 10 bytes.  Held whole by the file, they are decoded where the file's
-    // read window has them: no strip buffer.  In FillOrder 2, copied and reversed: buffers of 1024, 1024,
-    // 2048 and 2048; only the third allocates anew.
+    // Strips of 2, 1024, 1025 and 10 bytes, all inside the file, are decoded where the file's read window
+    // has them: no strip buffer.  With a strip of 1 byte, or in FillOrder 2, they are copied: buffers of
+    // 1024, 1024, 2048 and 2048; only the third allocates anew.
+    ASSERT_EQ(Open(Bilevel(8, 4, 1, {Bytes(2, 1), Bytes(1024, 2), Bytes(1025, 3), Bytes(10, 4)}, 1)), 1);
+    for (uint32_t n = 0; n < 4; ++n) EXPECT_EQ(line(n), int(n + 1) << 8);
+    EXPECT_EQ(TiffImage.stripBuffer.handle, 0u);
+    TiffClose();
     const auto strips = Bilevel(8, 4, 1, {Bytes(1, 1), Bytes(1024, 2), Bytes(1025, 3), Bytes(10, 4)}, 1);
     ASSERT_EQ(Open(strips), 1);
     for (uint32_t n = 0; n < 4; ++n) EXPECT_EQ(line(n), int(n + 1) << 8);
-    EXPECT_EQ(TiffImage.stripBuffer.handle, 0u);
+    EXPECT_EQ(TiffImage.stripBufferSize, 2048);
     TiffClose();
     ASSERT_EQ(Open(TiffBuilder(strips).Short(266, 2)), 1);
     uint32_t handles[4];

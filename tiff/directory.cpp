@@ -17,6 +17,7 @@
 #include "services/errors.h"
 #include "services/files.h"
 #include "tiff/fax.h"
+#include "tiff/lines.h"
 #include "tiff/lzw.h"
 
 static_assert(std::endian::native == std::endian::little,
@@ -213,6 +214,7 @@ int32_t TiffOpen(const char *name) {
         return 0;
     }
     t.rawLeft = -1;
+    t.stripsInPlace = StripsReadInPlace();
     return 1;
 }
 

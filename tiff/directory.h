@@ -89,6 +89,7 @@ struct TiffImageRecord {
     uint32_t currentStrip;     // strip in the buffer; 0xFFFFFFFF for none
     MemoryBlock stripBuffer;   // the strip as stored in the file
     int32_t stripBufferSize;   // its size, a multiple of 1024
+    bool stripsInPlace;        // every strip is decoded where the file's read window has it (LoadStrip)
     const uint8_t *rawStart;   // the strip's first byte: in the strip buffer or the file's read window
     const uint8_t *rawCursor;  // next unread byte of the strip
     int32_t rawLeft;           // bytes the strip table promises behind rawCursor

@@ -453,12 +453,13 @@ int32_t LoadStrip(uint32_t strip) {
     }
     // No strip is loaded while this one is read: a failed read leaves none.
     t.currentStrip = TiffNoStrip;
-    // A strip the file holds whole, in bytes that are decoded as they
-    // stand, is decoded where the file's read window has it, with no copy:
-    // nothing touches the file until the strip is done.
+    // The strips of an image that StripsReadInPlace accepts are decoded
+    // where the file's read window has them, with no copy: nothing touches
+    // the file until the strip is done.  One the window cannot give (larger
+    // than it, or a file cut since it was opened) is read as any other.
     const uint32_t offset = t.stripOffsets[strip];
     if (held > 0 && !SeekForStrip(offset)) return 0;
-    if (held == count && (t.fillOrder == 1 || t.isCcitt)) {
+    if (t.stripsInPlace && held == count) {
         if (const uint8_t *bytes = ReadInPlace(t.tiffFile, uint32_t(count))) {
             t.stripReadEnd = int64_t(offset) + count;
             t.rawStart = bytes;
@@ -474,19 +475,40 @@ int32_t LoadStrip(uint32_t strip) {
     }
     auto *buffer = static_cast<uint8_t *>(t.stripBuffer.pointer);
     const int32_t got = held > 0 ? ReadStripBytes(strip, buffer, held) : 0;
+    // A new buffer is zeros behind what the read brought, as a zero-filled
+    // block would be; filling only that tail spares a pass over a large
+    // strip.  A buffer kept from an earlier strip keeps its bytes there:
+    // behind a short read the decoders meet them.
+    if (fresh) {
+        const int32_t filled = got > 0 ? got : 0;
+        std::memset(buffer + filled, 0, size_t(t.stripBufferSize - filled));
+    }
     if (got == -1) return 0;
-    // Zeros behind what the read brought: all the way in a new buffer, as
-    // a zero-filled block would be (filling only that tail spares a pass
-    // over a large strip); in a kept one up to the strip's end, where a
-    // short read (of a file cut since it was opened) would leave bytes of
-    // an earlier strip.
-    std::memset(buffer + got, 0, size_t((fresh ? t.stripBufferSize : held) - got));
     t.rawStart = buffer;
     t.rawHeldEnd = buffer + (held < count ? got : count);
     // Bits of compressions 1, 5 and 32773 are put in order here, once per
     // load; the CCITT decoders read through BitOrderTable instead.
     if (t.fillOrder != 1 && !t.isCcitt) ReverseBits(buffer, uint32_t(count < held ? count : held));
     return StartStrip(strip);
+}
+
+// A strip's decoders read its bytes and no others, but for what the strip
+// buffer holds behind a short read (bytes of an earlier strip, or zeros)
+// and the second byte that the LZW bit-order test reads in a strip of one
+// byte.  So an image whose strips lie whole inside the file (of the length
+// it had when opened) and are at least two bytes long, in bytes that are
+// decoded as they stand (no bit order to reverse in place), decodes the
+// same wherever its strips are read from.  An uncompressed image, whose
+// rows behind the file's end come out as zeros, qualifies with the strips
+// that lie inside the file.
+bool StripsReadInPlace() {
+    const auto &t = TiffImage;
+    if (t.fillOrder != 1 && !t.isCcitt) return false;
+    for (uint32_t s = 0; s < t.stripsPerImage && s < TiffMaxStrips; ++s) {
+        const uint64_t end = uint64_t(t.stripOffsets[s]) + t.stripByteCounts[s];
+        if (t.stripByteCounts[s] < 2 || (end > t.fileLength && t.compression != TiffCompressionNone)) return false;
+    }
+    return true;
 }
 
 int32_t StartStrip(uint32_t strip) {

@@ -27,6 +27,9 @@ using RowDecoder = int32_t (*)(uint8_t *row, int32_t count);
 RowDecoder RowDecoderOf(uint16_t compression);
 int32_t SeekToLine(uint32_t line);
 int32_t LoadStrip(uint32_t strip);
+// Whether the strips of the image just opened can be decoded where the
+// file's read window has them (see LoadStrip).
+bool StripsReadInPlace();
 int32_t StartStrip(uint32_t strip);
 // Replaces the strip buffer by one of `size` bytes, not zero-filled (LoadStrip
 // zeroes what its read leaves); nonzero on success.

@@ -208,9 +208,9 @@ int32_t LzwStartStrip() {
     LzwState *s = State();
     const auto &t = TiffImage;
     // Nine bits spelling CLEAR lowest bit first: a bit order not decoded.
-    // A strip of one byte has no second: it reads as 0, as the zeros behind
-    // a strip in a new strip buffer did.
-    if (t.rawLeft >= 2 && t.rawCursor[0] == 0 && (t.rawCursor[1] & 1) != 0) return 0;
+    // The strip buffer holds at least 1024 bytes, so both bytes are in it;
+    // a strip read in place is two bytes long at least (StripsReadInPlace).
+    if (t.rawCursor[0] == 0 && (t.rawCursor[1] & 1) != 0) return 0;
     s->codeWidth = MinCodeWidth;
     s->freeEntry = s->table + LzwFirstFree;
     s->maxEntry = s->table + (1u << MinCodeWidth) - 2;
