@@ -394,6 +394,21 @@ TEST(TiffReader, StripsReadInPlaceAcrossWindowsAndSeeks) {
     EXPECT_TRUE(guard.Same());
 }
 
+// A strip that lies past the file's end reads nothing, and its decoder
+// meets what the strip buffer holds: the bytes of the strip before.  So no
+// strip of such an image is read in place, or the buffer would not hold them.
+TEST(TiffReader, AStripPastTheFileMeetsTheStripBefore) {
+    test::QuietDefaults();
+    test::LeakGuard guard;
+    // PackBits rows of 32 pixels, one a strip; the third strip's offset is far past the file.
+    TiffBuilder b = Bilevel(32, 3, 32773, {{0x03, 1, 2, 3, 4}, {0x03, 5, 6, 7, 8}, {0x03, 9, 9, 9, 9}}, 1).Short(262, 0);
+    b.Longs(273, {8, 13, 0x100000});
+    const Bytes bits = LoadBytes(Write(b));
+    ASSERT_EQ(bits.size(), 48 + 3 * 4u);
+    EXPECT_EQ(Bytes(bits.begin() + 48, bits.end()), (Bytes{5, 6, 7, 8, 5, 6, 7, 8, 1, 2, 3, 4})) << "bottom row first";
+    EXPECT_TRUE(guard.Same());
+}
+
 // A strip that claims more rows than the file holds: the strip buffer holds
 // what the file has, the rows behind it stay zero without being copied one
 // by one, and a count that ends before the strip does still reports at its
