@@ -171,6 +171,10 @@ TEST(TiffReader, RefusalsReportInOrderAndLeaveNothingBehind) {
         {"LZW strip in the reversed bit order", Bilevel(32, 1, 5, {{0x00, 0x01, 0x02}}), {decode}},
         {"LZW second strip cut", Bilevel(8, 2, 5, {lzwCut, {0x80, 0x40, 0x40}}, 1),
          {"Unexpected code in line 1", decode}},
+        // CLEAR, 0x04, EOI: the second byte is odd.  A strip of one byte 0 then reads its second byte
+        // from the strip buffer, left by the strip before: CLEAR in the reversed bit order, refused.
+        {"LZW strip of one byte behind an odd second byte",
+         Bilevel(8, 3, 5, {{0x80, 0x01, 0x20, 0x20}, {0x00}, {0x80, 0x01, 0x20, 0x20}}, 1), {decode}},
         {"PackBits short", Bilevel(32, 2, 32773, {{0x03, 1, 2, 3, 4, 0x01, 5}}), {shortRow + "1", decode}},
         // Group 4 rows of 8 white pixels (V0) and a bad code (seven 0 bits) in row 1 of 4.
         {"G4 bad code in a middle row", Bilevel(8, 4, 4, {{0x80, 0x00, 0x00}}), {"Unexpected code in line 1", decode}},
