@@ -134,8 +134,11 @@ int32_t FaxDecodeRowsG4(uint8_t *row, int32_t size);
 // call of FaxDecodeRows or FaxDecodeRowsG4 would, with currentRow counted
 // on after each: the first into `row`, each next one rowBytes below the one
 // before (the bitmap's rows run upward).  Returns the rows delivered; stops
-// after a row that leaves the strip with no byte, and before a row of
-// compression 4 that failed (reported; `failed` set, currentRow counted).
+// before a row of compression 4 that failed (reported; `failed` set,
+// currentRow counted), and after a row that leaves the strip with no byte:
+// ReadTIF then decodes the next row itself and asks whether the ones behind
+// it stay blank.  That row comes out white and unreported, as the rows
+// passed by do.
 uint32_t FaxDecodeRowsUpward(uint8_t *row, uint32_t rowBytes, uint32_t rows, bool &failed);
 // Whether every later row of the current strip would come out white, with
 // result -3, without a report anyone hears and without a change of state

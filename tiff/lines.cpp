@@ -160,10 +160,9 @@ uint32_t CopyHeldRows(uint8_t *row, uint32_t rowBytes, uint32_t line, uint64_t s
 // first into `row`, each next one rowBytes below the one before (the
 // bitmap's rows run upward), the pad behind each cleared in a block that is
 // not zero-filled.  Returns the rows delivered; `failed` is set when the
-// next one failed (its decoder has reported).  After a row that leaves a
-// CCITT strip with no byte, it returns: ReadTIF decodes the next row itself
-// and asks whether the ones behind it stay blank.  That row comes out white
-// and unreported, as the rows passed by do.
+// next one failed (its decoder has reported).  For the line decoders of
+// LZW and PackBits, after which SkipBlankLines passes no row by; the CCITT
+// compressions have FaxDecodeRowsUpward.
 template <RowDecoder Decode>
 uint32_t DecodeFollowingRows(uint8_t *row, uint32_t rowBytes, uint32_t rows, bool &failed) {
     auto &t = TiffImage;
@@ -182,7 +181,6 @@ uint32_t DecodeFollowingRows(uint8_t *row, uint32_t rowBytes, uint32_t rows, boo
             if (padBytes > 1) row[count + 1] = 0;
             if (padBytes > 2) row[count + 2] = 0;
         }
-        if (t.isCcitt && t.rawLeft == 0) return i + 1;
     }
     return rows;
 }
