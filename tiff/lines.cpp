@@ -1,12 +1,14 @@
 // lines.cpp - ReadTIF, the strip engine and the uncompressed line decoder.
 //
-// ReadTIF asks TIFFDecodeLine for each row of the image, top row first, and
-// writes the rows into the bitmap block from its last row upward; only the
-// white rows of a fax strip whose data have run out are passed by, as the
-// zeroed block already holds them (SkipBlankLines).  The strip
-// engine keeps one strip in the strip buffer: a strip is read with one
-// TL_READ and decoded from memory, and the buffer is allocated anew only for
-// a strip larger than every one before it.
+// ReadTIF asks TIFFDecodeLine for the first row of each strip, top row
+// first, and hands the rows that follow in the strip to one loop of their
+// decoder; it writes the rows into the bitmap block from its last row
+// upward.  Only the white rows of a fax strip whose data have run out are
+// passed by, as the zeroed block already holds them (SkipBlankLines).  The
+// strip engine holds one strip at a time: a strip is read with one TL_READ
+// into the strip buffer, which is allocated anew only for a strip larger
+// than every one before it, or, for an image that StripsReadInPlace
+// accepts, decoded where the file's read window has it.
 
 #include "tiff/lines.h"
 

@@ -1,8 +1,9 @@
 // lines.h - the TIFF strip engine and line reader.
 //
 // ReadTIF turns the first image of a TIFF file into a bitmap block.  Beneath
-// it the strip engine holds one strip at a time in the strip buffer and
-// moves TiffImage.rawCursor / rawLeft for the line decoders.
+// it the strip engine holds one strip at a time, in the strip buffer or in
+// the file's read window, and moves TiffImage.rawCursor / rawLeft for the
+// line decoders.
 #pragma once
 
 #include <cstdint>

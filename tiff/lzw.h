@@ -1,6 +1,6 @@
 // lzw.h - line decoders of LZW (compression 5) and PackBits (32773) strips.
 //
-// Both take their input from the strip buffer at TiffImage.rawCursor and
+// Both take their input from the strip in memory at TiffImage.rawCursor and
 // deliver exactly one row of `count` bytes per call, keeping their place in
 // the strip between calls.
 #pragma once
