@@ -121,6 +121,15 @@ uint32_t SkipBlankLines(uint32_t line) {
     return skipped;
 }
 
+// Clears the pad behind a row's `count` bytes: 0 to 3 bytes, since count
+// is (width + 7) / 8 and a bitmap row is padded to 4 bytes.  Stores of a
+// byte each, not a call.
+inline void ClearPad(uint8_t *row, uint32_t count, uint32_t padBytes) {
+    if (padBytes > 0) row[count] = 0;
+    if (padBytes > 1) row[count + 1] = 0;
+    if (padBytes > 2) row[count + 2] = 0;
+}
+
 // Copies the rows of an uncompressed strip that lie whole in the buffer,
 // from `line` on, into the bitmap from `row` upward (row, row - rowBytes,
 // ...), clearing each pad in a block that is not zero-filled; returns how
@@ -146,11 +155,7 @@ uint32_t CopyHeldRows(uint8_t *row, uint32_t rowBytes, uint32_t line, uint64_t s
     const bool clearPads = !t.rowsZeroed && padBytes > 0;
     for (uint64_t i = 0; i < rows; ++i, from += count, row -= rowBytes) {
         std::memcpy(row, from, count);
-        if (clearPads) {  // 1 to 3 bytes, since count is (width + 7) / 8
-            row[count] = 0;
-            if (padBytes > 1) row[count + 1] = 0;
-            if (padBytes > 2) row[count + 2] = 0;
-        }
+        if (clearPads) ClearPad(row, count, padBytes);
     }
     t.rawCursor += rows * count;
     t.rawLeft -= int32_t(rows * count);
@@ -178,11 +183,7 @@ uint32_t DecodeFollowingRows(uint8_t *row, uint32_t rowBytes, uint32_t rows, boo
             failed = true;
             return i;
         }
-        if (clearPads) {  // 1 to 3 bytes, since count is (width + 7) / 8
-            row[count] = 0;
-            if (padBytes > 1) row[count + 1] = 0;
-            if (padBytes > 2) row[count + 2] = 0;
-        }
+        if (clearPads) ClearPad(row, uint32_t(count), padBytes);
     }
     return rows;
 }
@@ -306,14 +307,7 @@ TL_HANDLE ReadTIF(const char *name, int32_t imageNumber) {
                     ok = false;
                     break;
                 }
-                if (!zeroed) {
-                    // The pad: 0 to 3 bytes, since scanlineSize is (width + 7) / 8.
-                    uint8_t *pad = row + TiffImage.scanlineSize;
-                    const uint32_t padBytes = rowBytes - TiffImage.scanlineSize;
-                    if (padBytes > 0) pad[0] = 0;
-                    if (padBytes > 1) pad[1] = 0;
-                    if (padBytes > 2) pad[2] = 0;
-                }
+                if (!zeroed) ClearPad(row, TiffImage.scanlineSize, rowBytes - TiffImage.scanlineSize);
                 const uint32_t blank = SkipBlankLines(line);
                 line += blank;
                 row -= uintptr_t(blank) * rowBytes;
