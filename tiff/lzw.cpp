@@ -56,9 +56,6 @@ inline Bytes16 Splat16(uint8_t value) { return Bytes16{} + value; }
 struct Bytes16 {
     uint64_t low, high;
 };
-inline Bytes16 operator&(Bytes16 a, Bytes16 b) { return {a.low & b.low, a.high & b.high}; }
-inline Bytes16 operator|(Bytes16 a, Bytes16 b) { return {a.low | b.low, a.high | b.high}; }
-inline Bytes16 operator~(Bytes16 a) { return {~a.low, ~a.high}; }
 inline Bytes16 Splat16(uint8_t value) {
     const uint64_t word = value * 0x0101010101010101u;
     return {word, word};
