@@ -130,26 +130,25 @@ inline void ClearPad(uint8_t *row, uint32_t count, uint32_t padBytes) {
     if (padBytes > 2) row[count + 2] = 0;
 }
 
-// Copies the rows of an uncompressed strip that lie whole in the buffer,
-// from `line` on, into the bitmap from `row` upward (row, row - rowBytes,
-// ...), clearing each pad in a block that is not zero-filled; returns how
-// many rows it copied.  It stops one row short of the held bytes' end, of
-// the strip's rows and of `most`: that row goes to CopyLine, so that what
-// follows it (a short strip's report, rows passed by as blank) is found as
-// row by row.  Each row copied here would have been copied whole by
-// CopyLine, and SkipBlankLines would have passed none by after it.
-uint32_t CopyHeldRows(uint8_t *row, uint32_t rowBytes, uint32_t line, uint64_t stripEnd, uint32_t most) {
+// The row loop of uncompressed strips: copies up to `most` rows that lie
+// whole in the buffer, the first into `row`, each next one rowBytes below
+// the one before, clearing each pad in a block that is not zero-filled;
+// returns how many.  It stops one row short of the held bytes' end and of
+// the bytes the strip table promises: that row goes to CopyLine, so that
+// what follows it (a short strip's report, rows passed by as blank) is
+// found as row by row.  Each row copied here would have been copied whole
+// by CopyLine, and SkipBlankLines would have passed none by after it.  It
+// fails no row.
+uint32_t CopyHeldRows(uint8_t *row, uint32_t rowBytes, uint32_t most, bool & /* failed */) {
     auto &t = TiffImage;
     const uint32_t count = t.scanlineSize;
     if (count == 0 || t.rawLeft <= 0 || t.rawCursor >= t.rawHeldEnd) return 0;
-    uint64_t rows = stripEnd - line;
-    if (most < rows) rows = most;
+    // Whole rows that the strip table promises and the buffer holds.
     const uint64_t promised = uint64_t(t.rawLeft) / count;
-    if (promised < rows) rows = promised;
     const uint64_t held = uint64_t(t.rawHeldEnd - t.rawCursor) / count;
-    if (held < rows) rows = held;
-    if (rows < 2) return 0;
-    --rows;
+    const uint64_t ready = promised < held ? promised : held;
+    if (ready == 0) return 0;
+    const uint64_t rows = ready - 1 < most ? ready - 1 : most;
     const uint8_t *from = t.rawCursor;
     const uint32_t padBytes = rowBytes - count;
     const bool clearPads = !t.rowsZeroed && padBytes > 0;
@@ -190,10 +189,10 @@ uint32_t DecodeFollowingRows(uint8_t *row, uint32_t rowBytes, uint32_t rows, boo
 
 using RowsDecoder = uint32_t (*)(uint8_t *row, uint32_t rowBytes, uint32_t rows, bool &failed);
 
-// The loop of DecodeFollowingRows for a compression; none for uncompressed
-// strips (CopyHeldRows) and compressions not read.
+// The row loop of a compression; none for a compression not read.
 RowsDecoder RowsDecoderOf(uint16_t compression) {
     switch (compression) {
+    case TiffCompressionNone: return CopyHeldRows;
     case TiffCompressionCcittRle:
     case TiffCompressionCcittG3:
     case TiffCompressionCcittG4: return FaxDecodeRowsUpward;
@@ -276,13 +275,9 @@ TL_HANDLE ReadTIF(const char *name, int32_t imageNumber) {
                 int32_t decoded;
                 if (t.currentStrip == fastStrip && line == t.currentRow && line >= fastFirst && line < fastEnd) {
                     // The rows behind this one in the strip but its last
-                    // are decoded (whole rows held copied) in one loop.
+                    // are decoded in one loop.
                     bool failed = false;
-                    if (t.compression == TiffCompressionNone) {
-                        const uint32_t copied = CopyHeldRows(row, rowBytes, line, fastEnd, height - line);
-                        line += copied;
-                        row -= uintptr_t(copied) * rowBytes;
-                    } else if (decodeRows != nullptr) {
+                    if (decodeRows != nullptr) {
                         const uint64_t rows = (fastEnd < height ? fastEnd : height) - line;
                         if (rows > 1) {
                             const uint32_t done = decodeRows(row, rowBytes, uint32_t(rows - 1), failed);
