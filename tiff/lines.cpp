@@ -447,8 +447,8 @@ int32_t LoadStrip(uint32_t strip) {
     // the file until the strip is done.  One the window cannot give (larger
     // than it, or a file cut since it was opened) is read as any other.
     const uint32_t offset = t.stripOffsets[strip];
-    if (held > 0 && !SeekForStrip(offset)) return 0;
     if (t.stripsInPlace && held == count) {
+        if (!SeekForStrip(offset)) return 0;
         if (const uint8_t *bytes = ReadInPlace(t.tiffFile, uint32_t(count))) {
             t.stripReadEnd = int64_t(offset) + count;
             t.rawStart = bytes;
@@ -549,7 +549,7 @@ bool SeekForStrip(uint32_t offset) {
 int32_t ReadStripBytes(uint32_t strip, uint8_t *buffer, int32_t count) {
     auto &t = TiffImage;
     const uint32_t offset = t.stripOffsets[strip];
-    if (!SeekForStrip(offset)) return -1;  // no system call where LoadStrip has just put the position there
+    if (!SeekForStrip(offset)) return -1;  // no system call where the position is there already
     const uint32_t got = TL_READ(buffer, uint32_t(count), t.tiffFile);
     // Only a whole read leaves the position known.
     t.stripReadEnd = got == uint32_t(count) ? int64_t(offset) + got : -1;
