@@ -169,8 +169,11 @@ TEST_F(Dialog, ProfilePath) {
     const std::string chosen = test::WriteTemp("chosen.TIF", {1});
     std::string elsewhere = test::TempDir() + "/prof";
     std::replace(elsewhere.begin(), elsewhere.end(), '/', '\\');
+    // A dot anywhere in the profile's name (the temporary folder's path may
+    // have one) means it has its extension already.
+    const std::string elsewhereFile = test::TempDir() + (elsewhere.find('.') == std::string::npos ? "/prof.STS" : "/prof");
     const struct { const char *profile; std::string file; } stores[] = {
-        {"scan", profileDir + "/scan.STS"}, {elsewhere.c_str(), test::TempDir() + "/prof.STS"}};
+        {"scan", profileDir + "/scan.STS"}, {elsewhere.c_str(), elsewhereFile}};
     for (const auto &store : stores) {
         Answer(chosen);
         char buffer[DialogPathBytes] = "scan.TIF";
@@ -178,7 +181,7 @@ TEST_F(Dialog, ProfilePath) {
         EXPECT_EQ(std::string(buffer), chosen);
         EXPECT_EQ(test::ReadText(store.file), Stored(chosen)) << store.profile;
     }
-    unlink((test::TempDir() + "/prof.STS").c_str());
+    unlink(elsewhereFile.c_str());
 }
 
 TEST_F(Dialog, FlagsAndTheRememberedFile) {
@@ -294,7 +297,9 @@ TEST_F(Dialog, MissingImageFileAsksForAnother) {
     test::Recorder recorder;
     ReportError("earlier", "failure", 0);
     Answer();
-    Fill(name, test::TempDir() + "/missing.TIF");
+    // A name with no folder: the filter comes from its own extension, not
+    // from a dot somewhere on the path to the temporary folder.
+    Fill(name, "tolimage-no-such-page.TIF");
     EXPECT_EQ(TL_IMAGE_E(name, 0), nullptr);
     EXPECT_EQ(script.asked, "open 6156 filter 3 in  file ");
     EXPECT_EQ(script.title + " / " + script.label, "Open Image File / TIF Files (*.TIF)");

@@ -440,6 +440,10 @@ TEST(TiffLines, UncompressedRowsPastTheFileCostNoBufferAndNoCopies) {
          {"Internal allocation error in line 3", "ReadTIF: TIFFDecodeLine failed"}},
         {"strips of 4 rows, the second past the file", Bilevel(16, 8, 1, {data, {0x3C}}, 4).Longs(279, {8, 8}), 8, 4, {}},
         {"a strip of 40 rows for 3", Bilevel(16, 3, 1, {Bytes(80, 0x5A)}), 3, 3, {}},
+        // Wholly behind the file: below 2 GiB the seek succeeds and the read is empty;
+        // from 2 GiB on the seek fails, and with it the strip.
+        {"a strip at 0x7FFFFF00", Bilevel(16, 3, 1, {data}).Long(273, 0x7FFFFF00), 3, 3, {}},
+        {"a strip at 0xFFFFFF00", Bilevel(16, 3, 1, {data}).Long(273, 0xFFFFFF00), 3, 3, {"ReadTIF: TIFFDecodeLine failed"}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);

@@ -463,7 +463,9 @@ int32_t LoadStrip(uint32_t strip) {
         if (!ResizeStripBuffer(int32_t(size))) return 0;
     }
     auto *buffer = static_cast<uint8_t *>(t.stripBuffer.pointer);
-    const int32_t got = held > 0 ? ReadStripBytes(strip, buffer, held) : 0;
+    // A strip of which the file holds nothing is still sought: the seek
+    // decides, as for every strip, and one at 2 GiB or beyond fails it.
+    const int32_t got = held > 0 ? ReadStripBytes(strip, buffer, held) : SeekForStrip(offset) ? 0 : -1;
     // A new buffer is zeros behind what the read brought, as a zero-filled
     // block would be; filling only that tail spares a pass over a large
     // strip.  A buffer kept from an earlier strip keeps its bytes there:

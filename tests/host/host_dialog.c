@@ -18,7 +18,9 @@ static int32_t TL_CALL HostDialog(TL_FILE_REQUEST *request) {
 }
 
 int main(void) {
-    char name[260] = TL_FIXTURES "/no-such-page.TIF";
+    /* A name with no folder, so that the proposed filter comes from its own
+       extension and not from a dot on the path to the tree. */
+    char name[260] = "no-such-page.TIF";
     TL_HANDLE block;
 
     ERROR_FLAGS_E(1, 0, 1, NULL);
