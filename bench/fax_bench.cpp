@@ -22,8 +22,8 @@
 #include <string>
 #include <vector>
 
+#include "fax/fax.h"
 #include "tiff/directory.h"
-#include "tiff/fax.h"
 #include "tolimage.h"
 #include "tolimage_posix.h"
 

@@ -1,8 +1,10 @@
-// bytes.h - little-endian loads and stores on unaligned bytes.
+// bytes.h - little-endian loads and stores on unaligned bytes, and the
+// bytes of a bitmap complemented or put in the other bit order.
 #pragma once
 
-#include <cstdint>
+#include <array>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 inline uint16_t LoadU16(const void *p) {
@@ -38,4 +40,32 @@ inline void ComplementBytes(uint8_t *bytes, uint64_t count) {
         std::memcpy(bytes + i, &word, 8);
     }
     for (; i < count; ++i) bytes[i] = uint8_t(~bytes[i]);
+}
+
+// 256-byte maps of each byte to itself and to its bit reversal.
+constexpr std::array<uint8_t, 256> MakeBitOrder(bool reversed) {
+    std::array<uint8_t, 256> t{};
+    for (uint32_t v = 0; v < 256; ++v) {
+        uint32_t r = v;
+        if (reversed) {
+            r = 0;
+            for (int b = 0; b < 8; ++b)
+                if (v & (1u << b)) r |= 0x80u >> b;
+        }
+        t[v] = uint8_t(r);
+    }
+    return t;
+}
+inline constexpr std::array<uint8_t, 256> IdentityBitOrder = MakeBitOrder(false);
+inline constexpr std::array<uint8_t, 256> ReversedBitOrder = MakeBitOrder(true);
+
+// The map of each byte to its bit reversal (reversed nonzero) or to itself (0).
+inline const uint8_t *BitOrderTable(int32_t reversed) {
+    return reversed ? ReversedBitOrder.data() : IdentityBitOrder.data();
+}
+
+// Replaces each of `count` bytes by its bit reversal.
+inline void ReverseBits(uint8_t *buffer, uint32_t count) {
+    const uint8_t *map = ReversedBitOrder.data();
+    for (uint32_t i = 0; i < count; ++i) buffer[i] = map[buffer[i]];
 }

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "fuzz/harness.h"
-#include "tiff/fax_changes.h"
+#include "fax/changes.h"
 #include "tolimage.h"
 #include "tolimage_posix.h"
 

@@ -9,8 +9,8 @@
 #include "fax_stream.h"
 #include "support/support.h"
 #include "support/tiff_builder.h"
-#include "tiff/fax_bits.h"
-#include "tiff/lines.h"
+#include "fax/pixels.h"
+#include "tiff/record.h"
 
 namespace {
 

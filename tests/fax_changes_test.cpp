@@ -7,7 +7,7 @@
 
 #include "fax_stream.h"
 #include "support/support.h"
-#include "tiff/fax_bits.h"
+#include "fax/changes.h"
 
 namespace {
 

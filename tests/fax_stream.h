@@ -11,9 +11,11 @@
 
 #include "platform/win32.h"
 #include "services/errors.h"
+#include "fax/code_words.h"
+#include "fax/fax.h"
+#include "fax/row_decoders.h"
+#include "fax/state.h"
 #include "tiff/directory.h"
-#include "tiff/fax.h"
-#include "tiff/fax_codes.h"
 
 namespace faxtest {
 
@@ -172,3 +174,41 @@ struct Strip {
 };
 
 }  // namespace faxtest
+
+// The decoders' steps on the strip of the static record, as a row decoder
+// takes them: the stream loaded, one step, the stream stored back.
+inline bool FaxFetchByte() {
+    FaxBits bits = LoadBits();
+    const bool fetched = FaxFetchByte(bits);
+    StoreBits(bits);
+    return fetched;
+}
+inline void FaxSkipToEol(int32_t zerosSeen) {
+    FaxBits bits = LoadBits();
+    FaxSkipToEol(bits, zerosSeen);
+    StoreBits(bits);
+}
+inline uint32_t FaxReadTagBit() {
+    FaxBits bits = LoadBits();
+    const uint32_t bit = FaxReadTagBit(bits);
+    StoreBits(bits);
+    return bit;
+}
+inline int32_t FaxDecodeRun(int32_t colour) {
+    FaxBits bits = LoadBits();
+    const int32_t run = FaxDecodeRun(bits, colour);
+    StoreBits(bits);
+    return run;
+}
+inline int32_t FaxDecodeRow1D(uint8_t *row, int32_t width) {
+    FaxBits bits = LoadBits();
+    const int32_t result = FaxDecodeRow1D(bits, row, width);
+    StoreBits(bits);
+    return result;
+}
+inline int32_t FaxDecodeRow2D(uint8_t *row, int32_t width) {
+    FaxBits bits = LoadBits();
+    const int32_t result = FaxDecodeRow2D(bits, row, faxState->refLine, width);
+    StoreBits(bits);
+    return result;
+}

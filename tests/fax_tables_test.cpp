@@ -6,8 +6,7 @@
 #include <string>
 #include <tuple>
 
-#include "tiff/fax.h"
-#include "tiff/fax_codes.h"
+#include "fax/code_words.h"
 
 namespace {
 

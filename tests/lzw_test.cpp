@@ -13,6 +13,7 @@
 #include "support/support.h"
 #include "tiff/directory.h"
 #include "tiff/lzw.h"
+#include "tiff/packbits.h"
 
 namespace {
 

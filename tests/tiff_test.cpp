@@ -14,7 +14,7 @@
 #include "support/support.h"
 #include "support/tiff_builder.h"
 #include "tiff/directory.h"
-#include "tiff/lines.h"
+#include "tiff/strips.h"
 
 namespace {
 
@@ -289,7 +289,7 @@ TEST(TiffDirectory, StripTablesRowsPerStripAndByteCounts) {
     for (uint16_t compression : {1, 2, 4, 5}) {
         const bool ccitt = compression >= 2 && compression <= 4;
         ASSERT_EQ(Open(Bilevel(8, 1, compression, {{0x80, 0}})), 1) << compression;
-        EXPECT_EQ(TiffPhotometric(), ccitt ? 0 : 1) << compression;
+        EXPECT_EQ(TiffImage.photometric, ccitt ? 0 : 1) << compression;
         EXPECT_EQ(TiffImage.isCcitt, ccitt);
         TiffClose();
     }

@@ -16,20 +16,11 @@
 #include "services/abort.h"
 #include "services/errors.h"
 #include "services/files.h"
-#include "tiff/fax.h"
-#include "tiff/lines.h"
+#include "fax/fax.h"
 #include "tiff/lzw.h"
 
 static_assert(std::endian::native == std::endian::little,
               "directory entries are read straight into host words: a little-endian host is assumed");
-
-TiffImageRecord TiffImage = [] {
-    TiffImageRecord r{};
-    r.tiffFile = NoFile;
-    r.currentRow = TiffNoRow;
-    r.currentStrip = TiffNoStrip;
-    return r;
-}();
 
 namespace {
 
@@ -70,12 +61,16 @@ enum : uint16_t {
     TagPredictor = 317,
 };
 
+// The entries of the directory being read.
+TiffDirEntry DirectoryEntries[TiffMaxEntries];
+
 void Refuse(const char *text) { ReportError(ReadTitle, text, 0); }
 
 // The directory group runs from imageWidth up to (not including) tiffFile.
 void ZeroDirectoryGroup() {
     auto *start = reinterpret_cast<uint8_t *>(&TiffImage);
     std::memset(start, 0, offsetof(TiffImageRecord, tiffFile));
+    std::memset(DirectoryEntries, 0, sizeof DirectoryEntries);
 }
 
 // Seek from the start of the file.  Offsets past 2 GiB cannot be given to
@@ -131,6 +126,25 @@ bool AcceptCompression() {
     case 32908: Refuse("Pixar companded compression not supported"); return false;
     default: Refuse("Unknown compression tag"); return false;
     }
+}
+
+// A strip's decoders read its bytes and no others, but for what the strip
+// buffer holds behind a short read (bytes of an earlier strip, or zeros)
+// and the second byte that the LZW bit-order test reads in a strip of one
+// byte.  So an image whose strips lie whole inside the file (of the length
+// it had when opened) and are at least two bytes long, in bytes that are
+// decoded as they stand (no bit order to reverse in place), decodes the
+// same wherever its strips are read from.  An uncompressed image, whose
+// rows behind the file's end come out as zeros, qualifies with the strips
+// that lie inside the file.
+bool StripsReadInPlace() {
+    const auto &t = TiffImage;
+    if (t.fillOrder != 1 && !t.isCcitt) return false;
+    for (uint32_t s = 0; s < t.stripsPerImage && s < TiffMaxStrips; ++s) {
+        const uint64_t end = uint64_t(t.stripOffsets[s]) + t.stripByteCounts[s];
+        if (t.stripByteCounts[s] < 2 || (end > t.fileLength && t.compression != TiffCompressionNone)) return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -233,7 +247,7 @@ int32_t TiffReadDirectory() {
 
     ZeroDirectoryGroup();
     const uint32_t dirBytes = uint32_t(entryCount) * EntryBytes;
-    if (TL_READ(t.directory, dirBytes, t.tiffFile) < dirBytes) return 0;
+    if (TL_READ(DirectoryEntries, dirBytes, t.tiffFile) < dirBytes) return 0;
 
     t.fillOrder = 1;
     t.bitsPerSample = 1;
@@ -243,7 +257,7 @@ int32_t TiffReadDirectory() {
 
     // First pass: sizes, compression, resolution.
     for (uint32_t i = 0; i < entryCount; ++i) {
-        TiffDirEntry &e = t.directory[i];
+        TiffDirEntry &e = DirectoryEntries[i];
         if (t.swapBytes) {
             SwapShort(&e.tag);
             SwapShort(&e.type);
@@ -299,7 +313,7 @@ int32_t TiffReadDirectory() {
     // Second pass: photometric, fill order, options, strip tables.
     bool haveOffsets = false, haveCounts = false;
     for (uint32_t i = 0; i < entryCount; ++i) {
-        TiffDirEntry &e = t.directory[i];
+        TiffDirEntry &e = DirectoryEntries[i];
         switch (e.tag) {
         case 0:
             break;
@@ -328,13 +342,13 @@ int32_t TiffReadDirectory() {
             Refuse("Missing tag StripByteCounts");
             return 0;
         }
-        EstimateStripByteCount(t.directory, entryCount);
+        EstimateStripByteCount(DirectoryEntries, entryCount);
     } else if (t.stripsPerImage == 1) {
         if (t.stripByteCounts[0] == 0) {
-            EstimateStripByteCount(t.directory, entryCount);
+            EstimateStripByteCount(DirectoryEntries, entryCount);
         } else if (t.compression == TiffCompressionNone &&
                    t.stripByteCounts[0] > t.fileLength - t.stripOffsets[0]) {
-            EstimateStripByteCount(t.directory, entryCount);
+            EstimateStripByteCount(DirectoryEntries, entryCount);
         }
     }
 

@@ -1,21 +1,17 @@
-// directory.h - the open TIFF file: header, first directory and the record
-// that the strip engine and the decoders share.
+// directory.h - the open TIFF file: its header and first directory.
 //
 // One TIFF file is open at a time.  TiffOpen reads its first directory into
-// the static record TiffImage and refuses every file that is not a bilevel,
-// single-sample image in strips with an accepted compression; TiffClose
-// releases the decoders, the strip buffer and the file.
+// the static record TiffImage (record.h) and refuses every file that is not
+// a bilevel, single-sample image in strips with an accepted compression;
+// TiffClose releases the decoders, the strip buffer and the file.
 #pragma once
 
 #include <cstdint>
 
-#include "services/blocks.h"
-#include "services/files.h"
+#include "tiff/record.h"
 
-// Ceilings of a directory.  A directory of more entries is refused with a
-// message; an image of more strips is refused as a malformed strip table.
+// The most entries a directory may have: one of more is refused with a message.
 constexpr uint32_t TiffMaxEntries = 256;
-constexpr uint32_t TiffMaxStrips = 256;
 
 // TIFF field types this reader knows; the size table ends at RATIONAL.
 enum TiffFieldType : uint16_t {
@@ -26,17 +22,6 @@ enum TiffFieldType : uint16_t {
     TiffTypeLong = 4,
     TiffTypeRational = 5,
 };
-
-// Compressions the reader accepts.
-enum TiffCompression : uint16_t {
-    TiffCompressionNone = 1,
-    TiffCompressionCcittRle = 2,
-    TiffCompressionCcittG3 = 3,
-    TiffCompressionCcittG4 = 4,
-    TiffCompressionLzw = 5,
-    TiffCompressionPackBits = 32773,
-};
-
 // One directory entry as read, in host order once the first pass has seen
 // it.  The tag of an entry that is done with is set to 0.
 struct TiffDirEntry {
@@ -46,64 +31,6 @@ struct TiffDirEntry {
     uint32_t value;  // the value itself, or the file offset of the values
 };
 static_assert(sizeof(TiffDirEntry) == 12, "a directory entry is 12 bytes in the file");
-
-struct TiffRational {
-    uint32_t numerator;
-    uint32_t denominator;
-};
-
-// Which column of the shift table a file's byte order selects.
-enum TiffByteOrder : uint8_t { TiffOrderII = 0, TiffOrderMM = 1 };
-
-struct TiffImageRecord {
-    // ---- directory group: zeroed at every open and again before the entries are read
-    uint32_t imageWidth;       // 256, required
-    uint32_t imageLength;      // 257, required
-    uint16_t bitsPerSample;    // 258, default 1
-    uint16_t samplesPerPixel;  // 277, default 1
-    uint32_t stripsPerImage;   // derived from imageLength and rowsPerStrip
-    uint32_t rowsPerStrip;     // 278, default 0xFFFFFFFF: one strip
-    TiffDirEntry directory[TiffMaxEntries];
-    uint32_t stripOffsets[TiffMaxStrips];     // 273
-    uint32_t stripByteCounts[TiffMaxStrips];  // 279
-    MemoryBlock ccittBlock;    // working state of the CCITT decoders
-    uint16_t photometric;      // 262, default by compression
-    uint16_t fillOrder;        // 266, default 1
-    uint16_t compression;      // 259, no default: 0 is refused
-    uint32_t group3Options;    // 292, default 0
-    uint32_t group4Options;    // 293, default 0
-    uint16_t predictor;        // 317, default 1
-    uint16_t resolutionUnit;   // 296, default 0: no resolution
-    TiffRational xResolution;  // 282
-    TiffRational yResolution;  // 283
-
-    // ---- reader state, set by TiffOpen and the strip engine
-    ManagedFile tiffFile;      // the open file; NoFile when closed
-    uint8_t fileHeader[8];     // the header as read; ByteOrder in its first two bytes
-    TiffByteOrder typeShift;   // column of the shift table
-    bool swapBytes;            // true for MM
-    bool isCcitt;              // compressions 2, 3, 4
-    bool rowsZeroed;           // the rows given to TIFFDecodeLine hold zeros: ReadTIF's zero-filled block
-    uint32_t currentRow;       // row the next decoding call delivers; 0xFFFFFFFF before the first strip
-    uint32_t scanlineSize;     // bytes of one decoded line
-    uint32_t currentStrip;     // strip in the buffer; 0xFFFFFFFF for none
-    MemoryBlock stripBuffer;   // the strip as stored in the file
-    int32_t stripBufferSize;   // its size, a multiple of 1024
-    bool stripsInPlace;        // every strip is decoded where the file's read window has it (LoadStrip)
-    const uint8_t *rawStart;   // the strip's first byte: in the strip buffer or the file's read window
-    const uint8_t *rawCursor;  // next unread byte of the strip
-    int32_t rawLeft;           // bytes the strip table promises behind rawCursor
-    const uint8_t *rawHeldEnd; // behind the strip's bytes that the file held (uncompressed strips)
-    uint32_t fileLength;       // the file's length at TiffOpen
-    int64_t stripReadEnd;      // file position behind the last strip read; -1 when unknown
-    char messageBuffer[128];   // every formatted message of the TIFF reader
-};
-
-// The one open TIFF file.
-extern TiffImageRecord TiffImage;
-
-constexpr uint32_t TiffNoRow = 0xFFFFFFFFu;
-constexpr uint32_t TiffNoStrip = 0xFFFFFFFFu;
 
 // Opens `name`, checks the header and reads the first directory.
 // 1: the file is open and TiffImage complete.  0: no image; the file is

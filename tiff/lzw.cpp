@@ -1,4 +1,4 @@
-// lzw.cpp - LZW (compression 5) and PackBits (compression 32773) rows.
+// lzw.cpp - LZW (compression 5) rows.
 //
 // LZW keeps a table of 4096 linked entries: a string is its last byte and a
 // link to the string without it.  Each entry also remembers where its
@@ -18,7 +18,8 @@
 #include "platform/win32.h"
 #include "services/blocks.h"
 #include "services/errors.h"
-#include "tiff/directory.h"
+#include "tiff/byte_spans.h"
+#include "tiff/record.h"
 
 namespace {
 
@@ -46,90 +47,9 @@ MemoryBlock LzwStateBlock{};
 
 LzwState *State() { return static_cast<LzwState *>(LzwStateBlock.pointer); }
 
-// Sixteen bytes as one value: one vector register where the target has
-// them; two words elsewhere (a 32-bit x86 build without SSE, where a vector
-// type would change how functions pass it).
-#if defined(__SSE2__) || defined(__ARM_NEON)
-typedef uint8_t Bytes16 __attribute__((vector_size(16)));
-inline Bytes16 Splat16(uint8_t value) { return Bytes16{} + value; }
-#else
-struct Bytes16 {
-    uint64_t low, high;
-};
-inline Bytes16 Splat16(uint8_t value) {
-    const uint64_t word = value * 0x0101010101010101u;
-    return {word, word};
-}
-#endif
-inline Bytes16 Load16(const uint8_t *p) {
-    Bytes16 v;
-    std::memcpy(&v, p, 16);
-    return v;
-}
-inline void Store16(uint8_t *p, Bytes16 v) { std::memcpy(p, &v, 16); }
-
 void ReportRow(const char *format) {
     wsprintfA(TiffImage.messageBuffer, format, TiffImage.currentRow);
     ReportError(ReadTitle, TiffImage.messageBuffer, 0);
-}
-
-// Copies `n` bytes from `from` to `to`, which do not overlap: short spans
-// with loads and stores that may overlap each other, reading and writing
-// nothing outside the spans (up to 64 bytes); longer ones with memcpy.
-inline void CopySpan(uint8_t *to, const uint8_t *from, size_t n) {
-    if (n >= 8 && n <= 16) {
-        uint64_t head, tail;
-        std::memcpy(&head, from, 8);
-        std::memcpy(&tail, from + n - 8, 8);
-        std::memcpy(to, &head, 8);
-        std::memcpy(to + n - 8, &tail, 8);
-    } else if (n >= 4 && n < 8) {
-        uint32_t head, tail;
-        std::memcpy(&head, from, 4);
-        std::memcpy(&tail, from + n - 4, 4);
-        std::memcpy(to, &head, 4);
-        std::memcpy(to + n - 4, &tail, 4);
-    } else if (n >= 2 && n < 4) {
-        uint16_t head, tail;
-        std::memcpy(&head, from, 2);
-        std::memcpy(&tail, from + n - 2, 2);
-        std::memcpy(to, &head, 2);
-        std::memcpy(to + n - 2, &tail, 2);
-    } else if (n == 1) {
-        *to = *from;
-    } else if (n > 16 && n <= 32) {
-        const Bytes16 head = Load16(from), tail = Load16(from + n - 16);
-        Store16(to, head);
-        Store16(to + n - 16, tail);
-    } else if (n > 32 && n <= 64) {
-        const Bytes16 a = Load16(from), b = Load16(from + 16), c = Load16(from + n - 32), d = Load16(from + n - 16);
-        Store16(to, a);
-        Store16(to + 16, b);
-        Store16(to + n - 32, c);
-        Store16(to + n - 16, d);
-    } else if (n > 64) {
-        std::memcpy(to, from, n);
-    }
-}
-
-// Writes `n` bytes of `value` to `to`, as CopySpan copies: short spans with
-// stores that may overlap each other, nothing outside the span.
-inline void FillSpan(uint8_t *to, uint8_t value, size_t n) {
-    const uint64_t word = value * 0x0101010101010101u;
-    if (n >= 16) {
-        std::memset(to, value, n);
-    } else if (n >= 8) {
-        std::memcpy(to, &word, 8);
-        std::memcpy(to + n - 8, &word, 8);
-    } else if (n >= 4) {
-        std::memcpy(to, &word, 4);
-        std::memcpy(to + n - 4, &word, 4);
-    } else if (n >= 2) {
-        std::memcpy(to, &word, 2);
-        std::memcpy(to + n - 2, &word, 2);
-    } else if (n == 1) {
-        *to = value;
-    }
 }
 
 // Writes bytes [from, from + n) of the string of `e` to `out`; false when
@@ -429,110 +349,6 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         // The rest of the row is white, not what an earlier block left.
         if (!t.rowsZeroed) std::memset(out, 0, size_t(left));
         ReportRow("Unexpected code in line %ld");
-        return 0;
-    }
-    return 1;
-}
-
-int32_t PackBitsDecodeLine(uint8_t *row, int32_t count) {
-    auto &t = TiffImage;
-    const uint8_t *in = t.rawCursor;
-    int32_t avail = t.rawLeft;
-    uint8_t *out = row;
-    int32_t left = count;
-    // Packets are clipped to the row: a packet that reaches past it is
-    // consumed whole, its bytes behind the row are dropped, and the next row
-    // starts at the next control byte.  A literal cut short by the end of
-    // the strip delivers only the bytes that are there.
-    while (avail > 0 && left > 0) {
-        // Packets well inside the row and the strip, as pages give them by
-        // the thousand: the first 32 bytes of a literal or a run with two
-        // 16-byte moves, whatever its length, and the rest of a longer one
-        // 16 at a time, the last 16 ending with the packet.  Bytes behind a
-        // short packet stay in this row and the next packet writes over
-        // them; a row that is not completed fails the image.  Reads stay
-        // inside the strip (34 bytes from the control byte, or the packet)
-        // and writes inside the row (32 bytes, or the packet).
-        while (left >= 32 && avail >= 34) {
-            const int32_t n = int8_t(in[0]);
-            if (n >= 0) {
-                const int32_t length = n + 1;
-                if (length > left || length + 1 > avail) break;
-                const uint8_t *from = in + 1;
-                Store16(out, Load16(from));
-                Store16(out + 16, Load16(from + 16));
-                if (length > 32) {
-                    for (int32_t k = 32; k < length - 16; k += 16) Store16(out + k, Load16(from + k));
-                    Store16(out + length - 16, Load16(from + length - 16));
-                }
-                in += length + 1;
-                avail -= length + 1;
-                out += length;
-                left -= length;
-            } else {
-                const int32_t length = 1 - n;
-                if (n == -128 || length > left) break;
-                const Bytes16 fill = Splat16(in[1]);
-                Store16(out, fill);
-                Store16(out + 16, fill);
-                if (length > 32) {
-                    for (int32_t k = 32; k < length - 16; k += 16) Store16(out + k, fill);
-                    Store16(out + length - 16, fill);
-                }
-                in += 2;
-                avail -= 2;
-                out += length;
-                left -= length;
-            }
-        }
-        if (avail <= 0 || left <= 0) break;
-        // The row's last packets, that fit it exactly (fewer than 32 bytes
-        // are left): moves of their own size, no call.
-        if (avail >= 2) {
-            const int32_t n = int8_t(in[0]);
-            const int32_t length = n >= 0 ? n + 1 : 1 - n;
-            const int32_t used = n >= 0 ? n + 2 : 2;
-            if (n != -128 && length <= left && used <= avail && length < 32) {
-                if (n >= 0) {
-                    CopySpan(out, in + 1, size_t(length));
-                } else {
-                    FillSpan(out, in[1], size_t(length));
-                }
-                in += used;
-                avail -= used;
-                out += length;
-                left -= length;
-                continue;
-            }
-        }
-        const int32_t n = int8_t(*in++);
-        --avail;
-        if (n >= 0) {
-            const int32_t take = n + 1 < avail ? n + 1 : avail;
-            const int32_t put = take < left ? take : left;
-            std::memcpy(out, in, size_t(put));
-            out += put;
-            in += take;
-            avail -= take;
-            left -= take;
-        } else if (n != -128) {
-            if (avail < 1) break;
-            const uint8_t value = *in++;
-            --avail;
-            const int32_t len = 1 - n;
-            const int32_t put = len < left ? len : left;
-            std::memset(out, value, size_t(put));
-            out += put;
-            left -= len;
-        }
-    }
-    t.rawCursor = in;
-    t.rawLeft = avail;
-    if (left > 0) {
-        // The rest of the row is white, not what an earlier block left.
-        if (!t.rowsZeroed) std::memset(out, 0, size_t(left));
-        wsprintfA(t.messageBuffer, "Internal allocation error in line %ld", t.currentRow);
-        ReportError(ReadTitle, t.messageBuffer, 0);
         return 0;
     }
     return 1;

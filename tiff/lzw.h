@@ -1,7 +1,7 @@
-// lzw.h - line decoders of LZW (compression 5) and PackBits (32773) strips.
+// lzw.h - the line decoder of LZW (compression 5) strips.
 //
-// Both take their input from the strip in memory at TiffImage.rawCursor and
-// deliver exactly one row of `count` bytes per call, keeping their place in
+// It takes its input from the strip in memory at TiffImage.rawCursor and
+// delivers exactly one row of `count` bytes per call, keeping its place in
 // the strip between calls.
 #pragma once
 
@@ -38,5 +38,3 @@ int32_t LzwStartStrip();
 int32_t LzwDecodeLine(uint8_t *row, int32_t count);
 // Frees the state and the table; safe when there is none.
 void LzwRelease();
-// Delivers one row of a PackBits strip; 1 when it is complete, else 0.
-int32_t PackBitsDecodeLine(uint8_t *row, int32_t count);

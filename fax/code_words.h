@@ -1,4 +1,4 @@
-// fax_codes.h - the code words of ITU-T T.4 and T.6 and the compile-time
+// code_words.h - the code words of ITU-T T.4 and T.6 and the compile-time
 // builder of the decoders' state tables.
 //
 // Each code word is written as its bits; the builder grows a binary tree of
@@ -12,7 +12,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "tiff/fax.h"
+#include "fax/code_tables.h"
 
 namespace faxcodes {
 

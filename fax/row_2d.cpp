@@ -1,11 +1,10 @@
-// fax2d.cpp - two-dimensional rows (T.4 two-dimensional coding, T.6) and
-// the row driver of compression 4.
+// row_2d.cpp - two-dimensional rows (T.4 two-dimensional coding, T.6).
 //
 // A row is decoded against the reference line (the row before, white at a
 // strip's start) by mode codes.  a0 is the pixel reached, colour the colour
 // of the run that starts there.  Two decoders do the same: the row drivers
 // use FaxDecodeChanges2D, which works on lists of changing elements (see
-// fax_changes.h); FaxDecodeRow2D works on the bitmap and takes the rows
+// changes.h); FaxDecodeRow2D works on the bitmap and takes the rows
 // the lists can't hold.  There b1 and b2 are found on the reference line
 // by a cursor of 64-pixel windows (FaxNextPixel) that only moves forward
 // from a0 and gives what FaxFindOnes and FaxFindZeros give, with fewer
@@ -13,10 +12,10 @@
 // -8..-1, all white, and the zero bytes behind the line's end.
 #include <cstring>
 
-#include "tiff/directory.h"
-#include "tiff/fax.h"
-#include "tiff/fax_bits.h"
-#include "tiff/fax_changes.h"
+#include "fax/changes.h"
+#include "fax/row_decoders.h"
+#include "fax/state.h"
+#include "tiff/record.h"
 
 namespace {
 
@@ -240,7 +239,7 @@ static inline __attribute__((always_inline)) int32_t FaxHorizontalRun(FaxWindow 
     return run;
 }
 
-// FaxDecodeRow2D into a list of changes (fax_changes.h) against the
+// FaxDecodeRow2D into a list of changes (changes.h) against the
 // reference line's list: the same codes are taken, the same reports made
 // and the same results given, or FaxRowToBitmap before any report when the
 // row needs the bitmap.
@@ -408,31 +407,5 @@ int32_t FaxDecodeChanges2D(FaxBits &bits, const int32_t *ref, int32_t *changes, 
     FaxCopyBits(local, bits);
     int32_t result = FaxDecodeChanges2DLocal(local, ref, changes, width);
     FaxCopyBits(bits, local);
-    return result;
-}
-
-int32_t FaxDecodeRowsG4(uint8_t *row, int32_t size) {
-    if (size < 1 || faxState == nullptr || faxState->refLine == nullptr) {
-        if (size > 0) std::memset(row, 0, size_t(size));
-        return 1;
-    }
-    const uint32_t rowBytes = faxState->rowBytes;
-    int32_t result = 1;
-    FaxBits bits = LoadBits();
-    while (rowBytes != 0 && uint32_t(size) >= rowBytes) {
-        int32_t rowResult = FaxDecodeNextRow(bits, row, true);
-        if (rowResult < 0) {
-            result = rowResult == -3 ? 1 : 0;
-            row += rowBytes;
-            size -= int32_t(rowBytes);
-            break;
-        }
-        FaxAdvanceReference(row);
-        row += rowBytes;
-        size -= int32_t(rowBytes);
-        if (size != 0) ++TiffImage.currentRow;
-    }
-    if (size > 0) std::memset(row, 0, size_t(size));
-    StoreBits(bits);
     return result;
 }

@@ -1,18 +1,19 @@
-// fax_bits.h - the inner routines of the CCITT decoders, inline so that a
-// row is decoded with the bit stream in registers.
+// bit_window.h - the bit stream of a CCITT strip, and the code words taken
+// from it: the first step of decoding a row.
 //
-// A row decoder copies the stream (TiffImage's rawCursor and rawLeft, the
-// record's curByte and position) into a FaxBits, works on that, and stores
-// it back when the row is done.  The routines here carry the names of the
-// decoder's steps and take the stream as their first argument; fax.h's
-// routines of the same names do the same on the static state.
+// A row decoder copies the stream (the strip cursor and the working
+// record's byte in hand, state.h) into a FaxBits, works on that with the
+// routines here, inline so that a row is decoded with the stream in
+// registers, and stores it back when the row is done.  Code words are
+// looked up in the tables of code_tables.h: a byte at a time through the
+// state tables, or many bits at a time through the 64-bit FaxWindow.
 #pragma once
 
 #include <bit>
 #include <cstdint>
 #include <cstring>
 
-#include "tiff/fax.h"
+#include "fax/code_tables.h"
 
 // The bit stream of one strip while a row is decoded.
 struct FaxBits {
@@ -44,19 +45,11 @@ inline void FaxCopyBits(FaxBits &to, const FaxBits &from) {
     to.byteMap = byteMap;
 }
 
-// The stream of the current strip, taken from the statics (the strip
-// cursor and the record's byte in hand) and given back to them.
-FaxBits LoadBits();
-void StoreBits(const FaxBits &bits);
-
 // The widest row the decoders take.  Run lengths are held below
 // FaxRunCeiling, which is above every width, so that a0 + run and the
 // make-up sum of a run cannot overflow.
 constexpr uint32_t FaxMaxWidth = 1u << 29;
 constexpr uint32_t FaxRunCeiling = 1u << 30;
-
-// Reports "Unexpected code in line %ld" with currentRow under "TIFF Read".
-[[gnu::cold]] void FaxReportUnexpectedCode();
 
 // Entry of a state table: action in bits 8..15, next state in bits 0..7.
 inline uint32_t FaxLookup(const uint16_t *table, uint32_t row, uint32_t byte) {
@@ -251,116 +244,6 @@ __attribute__((always_inline)) inline int32_t FaxWindowRun(FaxWindow &w, FaxBits
     }
 }
 
-// The search of FaxFindZeros (skip 0x00) and FaxFindOnes (skip 0xFF).
-template <bool Ones>
-inline int32_t FaxFindSpan(const uint8_t *line, int32_t start, int32_t end) {
-    const uint8_t *lead = Ones ? FaxLeadingOnes.data() : FaxLeadingZeros.data();
-    constexpr uint8_t skip = Ones ? 0xFF : 0x00;
-    constexpr uint32_t skipWord = Ones ? 0xFFFFFFFFu : 0u;
-    int32_t n = end - start;
-    const uint8_t *p = line + (start >> 3);  // arithmetic shift: -1 is the guard byte
-    int32_t k = start & 7;
-    int32_t r = 0;
-    if (n > 0 && k != 0) {
-        r = lead[uint8_t(*p << k)];
-        if (r > 8 - k) r = 8 - k;
-        if (r > n) r = n;
-        if (r + k < 8) return r;
-        n -= r;
-        ++p;
-    }
-    if (n >= 64) {
-        while (reinterpret_cast<uintptr_t>(p) & 3) {
-            if (*p != skip) return r + lead[*p];
-            r += 8;
-            n -= 8;
-            ++p;
-        }
-        for (;;) {
-            if (n < 32) break;
-            uint32_t word;
-            std::memcpy(&word, p, 4);
-            if (word != skipWord) break;
-            r += 32;
-            n -= 32;
-            p += 4;
-        }
-    }
-    while (n >= 8) {
-        if (*p != skip) return r + lead[*p];
-        r += 8;
-        n -= 8;
-        ++p;
-    }
-    if (n < 1) return r;
-    int32_t last = lead[*p];
-    return r + (last < n ? last : n);
-}
-
-// Bits k .. reach - 1 (k <= reach < 64) from the top of a 64-bit word.
-inline uint64_t FaxSpanMask64(int32_t k, int32_t reach) { return (~uint64_t(0) >> k) & ~(~uint64_t(0) >> reach); }
-
-// ORs the pixels of mask (first pixel in the top bit) into the 8 bytes at p.
-inline void FaxOr64(uint8_t *p, uint64_t mask) {
-    if constexpr (std::endian::native == std::endian::little) mask = __builtin_bswap64(mask);
-    uint64_t v;
-    std::memcpy(&v, p, 8);
-    v |= mask;
-    std::memcpy(p, &v, 8);
-}
-
-// Sets pixels start .. end - 1 (end > start, end <= width) of a row whose
-// last byte is row[lastByte].  A span within two bytes, the common case, is
-// two ORs with no test of its length: where the span ends in the row's last
-// byte, the second OR (of 0) goes to that byte again, never behind it.
-inline void FaxBlackSpan(uint8_t *row, int32_t start, int32_t end, int32_t lastByte) {
-    const int32_t k = start & 7;
-    const int32_t b = start >> 3;
-    const int32_t reach = k + (end - start);  // bits from the top of row[b]
-    if (reach < 64 && b + 8 <= lastByte + 1) {
-        FaxOr64(row + b, FaxSpanMask64(k, reach));
-    } else if (reach <= 16) {
-        const uint32_t mask = (0xFFFFu >> k) & ~(0xFFFFu >> reach);
-        const int32_t next = b < lastByte ? b + 1 : b;
-        row[b] |= uint8_t(mask >> 8);
-        row[next] |= uint8_t(mask);
-    } else {
-        FaxFillSpan(row + b, start, end - start);
-    }
-}
-
-// Bytes behind the reference line that FaxNextPixel may read: they are 0
-// and never written.
-constexpr uint32_t FaxRefSlack = 8;
-
-// 64 pixels of a line from the byte at p, the first in the top bit.
-inline uint64_t FaxLoad64(const uint8_t *p) {
-    uint64_t v;
-    std::memcpy(&v, p, 8);
-    if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap64(v);
-    return v;
-}
-
-// The first pixel from x on (x >= -8) that is black (black all ones) or
-// white (black 0) on the reference line, or width when there is none before
-// width.  This is the reference line's cursor of the two-dimensional
-// decoder: it gives what FaxFindOnes/FaxFindZeros give for a span up to
-// width (x + the span), with one 64-pixel window per step instead of a
-// byte at a time.  It may read up to FaxRefSlack bytes behind the line's
-// last byte, and the guard byte before it.
-inline int32_t FaxNextPixel(const uint8_t *line, int32_t x, uint64_t black, int32_t width) {
-    while (x < width) {
-        int32_t k = x & 7;
-        uint64_t hits = (FaxLoad64(line + (x >> 3)) ^ ~black) << k;  // the wanted pixels as 1
-        if (hits != 0) {
-            int32_t found = x + __builtin_clzll(hits);
-            return found < width ? found : width;
-        }
-        x += 64 - k;
-    }
-    return width;
-}
-
 inline int32_t FaxReadUncompressedCode(FaxBits &bits) {
     const uint16_t *table = FaxUncompressedTable.data();
     for (;;) {
@@ -372,6 +255,3 @@ inline int32_t FaxReadUncompressedCode(FaxBits &bits) {
         if (entry >> 8) return int32_t(entry >> 8);
     }
 }
-
-int32_t FaxDecodeRow1D(FaxBits &bits, uint8_t *row, int32_t width);
-int32_t FaxDecodeRow2D(FaxBits &bits, uint8_t *row, const uint8_t *refLine, int32_t width);

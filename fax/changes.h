@@ -1,4 +1,5 @@
-// fax_changes.h - rows as lists of changing elements.
+// changes.h - rows as lists of changing elements, between the row decoders
+// that make them and the pixels of the row they are written into.
 //
 // The row drivers decode a row of up to FaxChangesMaxWidth pixels into the
 // list of its changing elements, the pixels whose colour differs from the
@@ -19,8 +20,8 @@
 #include <cstdint>
 #include <cstring>
 
-#include "tiff/fax.h"
-#include "tiff/fax_bits.h"
+#include "fax/bit_window.h"
+#include "fax/pixels.h"
 
 // Rows wider than this are decoded into the bitmap alone: a list takes 4
 // bytes a pixel, and the record holds two.
@@ -163,14 +164,3 @@ inline uint32_t FaxModeCodeByBytes(FaxBits &bits) {
         }
     }
 }
-
-int32_t FaxDecodeChanges1D(FaxBits &bits, int32_t *changes, int32_t width);
-int32_t FaxDecodeChanges2D(FaxBits &bits, const int32_t *ref, int32_t *changes, int32_t width);
-
-// One row of the strip into row, all rowBytes bytes written: one- or
-// two-dimensional, through a list where the record has them, else (or
-// when the list can't hold the row) into the bitmap.  The results of
-// FaxDecodeRow1D and FaxDecodeRow2D.
-int32_t FaxDecodeNextRow(FaxBits &bits, uint8_t *row, bool twoDimensional);
-// Makes the row just decoded (row) the reference line of the next.
-void FaxAdvanceReference(const uint8_t *row);

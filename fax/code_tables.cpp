@@ -1,7 +1,9 @@
-// fax_tables.cpp - the CCITT state tables, built at compile time from the
-// code-word lists of fax_codes.h, and the small fixed tables.
-#include "tiff/fax.h"
-#include "tiff/fax_codes.h"
+// code_tables.cpp - the CCITT state tables and the look-up tables of the
+// fast path, built at compile time from the code-word lists of
+// code_words.h, and the small fixed tables.
+#include "fax/code_tables.h"
+
+#include "fax/code_words.h"
 
 constexpr std::array<uint16_t, FaxRunRows * 256> FaxRunTable = faxcodes::BuildRunTable();
 constexpr std::array<uint16_t, FaxModeRows * 256> FaxModeTable = faxcodes::BuildModeTable();

@@ -1,0 +1,199 @@
+// row_drivers.cpp - the row drivers of the CCITT compressions: each row of
+// a strip decoded one- or two-dimensionally as its compression and tag bit
+// say, through a list of changes where the record has them, else into the
+// bitmap; the reference line moved on after it; and the rows that follow
+// in a strip decoded in one loop with the stream in registers.
+#include "fax/fax.h"
+
+#include <cstring>
+#include <utility>
+
+#include "fax/changes.h"
+#include "fax/row_decoders.h"
+#include "fax/state.h"
+#include "services/errors.h"
+#include "tiff/record.h"
+
+namespace {
+
+bool FaxStreamSpent(const FaxBits &bits) { return bits.left == 0 && uint32_t(bits.position - 1) >= 7u; }
+
+bool FaxStalledAt(const FaxState &f, const FaxBits &bits, bool twoDimensional) {
+    return f.stallCursor == bits.cursor && bits.left == 0 && f.stallPosition == bits.position &&
+           f.stallCurByte == bits.curByte && f.stall2D == uint32_t(twoDimensional);
+}
+
+bool FaxRowIsWhite(const uint8_t *row, uint32_t rowBytes) {
+    for (uint32_t i = 0; i < rowBytes; ++i)
+        if (row[i] != 0) return false;
+    return true;
+}
+
+int32_t FaxDecodeRowFrom(FaxBits &bits, uint8_t *row, bool twoDimensional) {
+    FaxState &f = *faxState;
+    const auto width = int32_t(f.rowPixels);
+    if (f.curChanges != nullptr) {
+        const FaxBits start = bits;
+        const int32_t result = twoDimensional ? FaxDecodeChanges2D(bits, f.refChanges, f.curChanges, width)
+                                              : FaxDecodeChanges1D(bits, f.curChanges, width);
+        if (result != FaxRowToBitmap) {
+            FaxRenderChanges(row, f.rowBytes, f.curChanges, width, TiffImage.rowsZeroed);
+            return result;
+        }
+        // Again from the row's start, into the bitmap against refLine.
+        bits = start;
+        if (f.refLineStale) FaxRenderChanges(f.refLine, f.rowBytes, f.refChanges, width);
+        f.refLineStale = 0;
+        f.rowFromBitmap = 1;
+    }
+    std::memset(row, 0, f.rowBytes);
+    return twoDimensional ? FaxDecodeRow2D(bits, row, f.refLine, width) : FaxDecodeRow1D(bits, row, width);
+}
+
+}  // namespace
+
+static int32_t FaxDecodeNextRow(FaxBits &bits, uint8_t *row, bool twoDimensional) {
+    FaxState &f = *faxState;
+    f.rowFromBitmap = 0;
+    if (bits.left == 0) {
+        if (FaxStreamSpent(bits)) {
+            // Nothing left in the strip: what the decoders give for such a
+            // row, without their set-up, since a file may declare many more
+            // rows than it holds.  A two-dimensional row reports the missing
+            // code.
+            std::memset(row, 0, f.rowBytes);
+            if (twoDimensional) {
+                if (bits.position >= int32_t(FaxModeRows)) bits.position = 0;
+                FaxReportUnexpectedCode();
+            }
+            return -3;
+        }
+        if (FaxStalledAt(f, bits, twoDimensional)) {
+            std::memset(row, 0, f.rowBytes);
+            return -3;
+        }
+    }
+    const FaxBits start = bits;
+    const uint32_t reportsBefore = faxReportCount;
+    const int32_t result = FaxDecodeRowFrom(bits, row, twoDimensional);
+    // A row that took no bit, found no data, reported nothing and left a
+    // white row stalls the strip: the rows after it are given the same.
+    if (result == -3 && bits.left == 0 && bits.cursor == start.cursor && bits.position == start.position &&
+        bits.curByte == start.curByte && faxReportCount == reportsBefore && FaxRowIsWhite(row, f.rowBytes)) {
+        f.stallCursor = bits.cursor;
+        f.stallPosition = bits.position;
+        f.stallCurByte = bits.curByte;
+        f.stall2D = uint32_t(twoDimensional);
+    }
+    return result;
+}
+
+bool FaxRowsStayBlank() {
+    if (faxState == nullptr) return false;
+    const FaxState &f = *faxState;
+    const FaxBits bits = LoadBits();
+    const bool twoDimensional = faxScheme == TiffCompressionCcittG4 || f.nextIs2D != 0;
+    // A two-dimensional row past the data reports, and may first reset a
+    // begun mode code; both are left to the row itself while they matter.
+    if (FaxStreamSpent(bits))
+        return !twoDimensional || (bits.position < int32_t(FaxModeRows) && !ReportIsHeard());
+    return FaxStalledAt(f, bits, twoDimensional);
+}
+
+static void FaxAdvanceReference(const uint8_t *row) {
+    FaxState &f = *faxState;
+    if (f.curChanges == nullptr || f.rowFromBitmap) {
+        if (f.refLine != nullptr) std::memcpy(f.refLine, row, f.rowBytes);
+        if (f.curChanges != nullptr) FaxChangesOfLine(f.refLine, f.curChanges, int32_t(f.rowPixels));
+        f.refLineStale = 0;
+    } else {
+        f.refLineStale = 1;
+    }
+    if (f.curChanges != nullptr) std::swap(f.refChanges, f.curChanges);
+}
+
+int32_t FaxDecodeRows(uint8_t *row, int32_t size) {
+    if (size < 1 || faxState == nullptr || faxState->rowBytes == 0) {
+        if (size > 0) std::memset(row, 0, size_t(size));
+        return 1;
+    }
+    const uint32_t rowBytes = faxState->rowBytes;
+    const bool tagged = (TiffImage.group3Options & 1u) != 0;
+    // A row takes rowBytes bytes; a size that holds no whole row more ends
+    // the call, so that no row is written past the caller's buffer.
+    FaxBits bits = LoadBits();
+    while (uint32_t(size) >= rowBytes) {
+        int32_t result = FaxDecodeNextRow(bits, row, faxState->nextIs2D != 0);
+        row += rowBytes;
+        size -= int32_t(rowBytes);
+        if (result == -3) break;
+        if (tagged) {
+            faxState->nextIs2D = FaxReadTagBit(bits) == 0 ? 1 : 0;
+            FaxAdvanceReference(row - rowBytes);
+        }
+        if (size != 0) ++TiffImage.currentRow;
+    }
+    if (size > 0) std::memset(row, 0, size_t(size));
+    StoreBits(bits);
+    return 1;
+}
+
+uint32_t FaxDecodeRowsUpward(uint8_t *row, uint32_t rowBytes, uint32_t rows, bool &failed) {
+    auto &t = TiffImage;
+    if (faxState == nullptr || faxState->rowBytes == 0 || faxState->rowBytes > rowBytes) return 0;
+    FaxState &f = *faxState;
+    const bool g4 = faxScheme == TiffCompressionCcittG4;
+    const bool tagged = !g4 && (t.group3Options & 1u) != 0;
+    const uint32_t pad = rowBytes - f.rowBytes;
+    FaxBits bits = LoadBits();
+    uint32_t done = 0;
+    while (done < rows) {
+        const int32_t result = FaxDecodeNextRow(bits, row, g4 || f.nextIs2D != 0);
+        // As FaxDecodeRowsG4 and FaxDecodeRows take a row: a row that found
+        // no data is not the next one's reference, nor followed by a tag bit.
+        if (g4) {
+            if (result >= 0) FaxAdvanceReference(row);
+        } else if (result != -3 && tagged) {
+            f.nextIs2D = FaxReadTagBit(bits) == 0 ? 1 : 0;
+            FaxAdvanceReference(row);
+        }
+        ++t.currentRow;
+        if (g4 && result < 0 && result != -3) {
+            failed = true;
+            break;
+        }
+        if (!t.rowsZeroed && pad > 0) std::memset(row + f.rowBytes, 0, pad);
+        ++done;
+        if (bits.left == 0) break;
+        row -= rowBytes;
+    }
+    StoreBits(bits);
+    return done;
+}
+
+
+int32_t FaxDecodeRowsG4(uint8_t *row, int32_t size) {
+    if (size < 1 || faxState == nullptr || faxState->refLine == nullptr) {
+        if (size > 0) std::memset(row, 0, size_t(size));
+        return 1;
+    }
+    const uint32_t rowBytes = faxState->rowBytes;
+    int32_t result = 1;
+    FaxBits bits = LoadBits();
+    while (rowBytes != 0 && uint32_t(size) >= rowBytes) {
+        int32_t rowResult = FaxDecodeNextRow(bits, row, true);
+        if (rowResult < 0) {
+            result = rowResult == -3 ? 1 : 0;
+            row += rowBytes;
+            size -= int32_t(rowBytes);
+            break;
+        }
+        FaxAdvanceReference(row);
+        row += rowBytes;
+        size -= int32_t(rowBytes);
+        if (size != 0) ++TiffImage.currentRow;
+    }
+    if (size > 0) std::memset(row, 0, size_t(size));
+    StoreBits(bits);
+    return result;
+}

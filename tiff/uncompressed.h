@@ -1,0 +1,17 @@
+// uncompressed.h - rows of uncompressed strips (compression 1).
+//
+// Each row is the strip's next scanlineSize bytes, copied as they stand;
+// the bytes of a row behind what the file held come out as zeros.
+#pragma once
+
+#include <cstdint>
+
+// Line decoder of uncompressed strips: delivers the next row of `count`
+// bytes; 1 when the row is delivered, 0 when the strip table promises too
+// few bytes for it (reported).
+int32_t CopyLine(uint8_t *row, int32_t count);
+// The row loop of uncompressed strips: copies up to `most` rows that lie
+// whole in the buffer, the first into `row`, each next one rowBytes below
+// the one before; returns how many.  It stops one row short of the held
+// bytes' end, leaving that row to CopyLine.
+uint32_t CopyHeldRows(uint8_t *row, uint32_t rowBytes, uint32_t most, bool &failed);
