@@ -30,6 +30,39 @@ const std::string &ScratchPath() {
     return path;
 }
 
+// The digest of the run under way (FNV-1a over what it produced); null
+// when none is asked for.
+uint64_t *runDigest = nullptr;
+
+void Mix(const volatile uint8_t *bytes, uint64_t size) {
+    if (!runDigest) return;
+    uint64_t h = *runDigest;
+    for (uint64_t i = 0; i < size; ++i) h = (h ^ bytes[i]) * 0x100000001B3u;
+    *runDigest = h;
+}
+void MixValue(uint64_t value) {
+    uint8_t bytes[8];
+    for (int i = 0; i < 8; ++i) bytes[i] = uint8_t(value >> (8 * i));
+    Mix(bytes, 8);
+}
+
+// A report as the digest takes it: the scratch file's path, as given or in
+// its full form, is left out, since it differs from run to run.
+void TL_CALL MixReport(const char *title, const char *text, int32_t withSystemText) {
+    std::string t = text ? text : "";
+    for (const std::string &form : {ScratchPath(), std::string()}) {
+        std::string path = form;
+        if (path.empty()) {
+            char full[260];
+            if (!_fullpath(full, ScratchPath().c_str(), sizeof full)) continue;
+            path = full;
+        }
+        for (size_t at; (at = t.find(path)) != std::string::npos;) t.erase(at, path.size());
+    }
+    const std::string whole = std::string(title ? title : "") + "|" + t + "|" + std::to_string(withSystemText);
+    Mix(reinterpret_cast<const uint8_t *>(whole.data()), whole.size() + 1);
+}
+
 void Check(bool good, const char *what) {
     if (good) return;
     fprintf(stderr, "harness check failed: %s\n", what);
@@ -65,6 +98,7 @@ void TouchBitmap(TL_HANDLE block) {
     // all between are.
     uint8_t sum = uint8_t(bytes[0] + bytes[claimed - 1]);
     (void)sum;
+    Mix(bytes, claimed);
     GlobalUnlock(block);
 }
 
@@ -75,6 +109,7 @@ void Load(const std::string &path, int32_t number) {
         TouchBitmap(block);
         GlobalFree(block);
     }
+    MixValue(uint64_t(TL_ERRORSTATUS_E()));
 }
 
 // Reads every raster byte the record claims: the raster's sides are never
@@ -97,6 +132,7 @@ void TouchRaster(const uint8_t *record, TL_HANDLE block) {
     Check(raster >= base && raster + bytes <= base + GlobalSize(block), "the raster lies in its block");
     uint8_t sum = uint8_t(raster[0] + raster[bytes - 1]);  // one mapping: all between is readable too
     (void)sum;
+    Mix(raster, bytes);
 }
 
 using RecordExport = TL_HANDLE(TL_CALL *)(void *, char *, int32_t);
@@ -111,6 +147,7 @@ void LoadIntoRecord(const std::string &path, RecordExport load) {
         GlobalUnlock(block);
         GlobalFree(block);
     }
+    MixValue(uint64_t(TL_ERRORSTATUS_E()));
 }
 
 // `bytes` as a bitmap in a block the host owns, handed over; the host's
@@ -128,6 +165,7 @@ void HandBitmap(const uint8_t *bytes, size_t size, BitmapExport hand) {
         GlobalUnlock(raster);
         GlobalFree(raster);
     }
+    MixValue(uint64_t(TL_ERRORSTATUS_E()));
     GlobalFree(host);
 }
 
@@ -181,9 +219,11 @@ struct BlockCeiling {
 
 }  // namespace
 
-void RunHarness(Harness harness, const uint8_t *data, size_t size) {
+void RunHarness(Harness harness, const uint8_t *data, size_t size, uint64_t *digest) {
     const BlockCeiling ceiling;
-    ERROR_FLAGS_E(1, 0, 1, nullptr);
+    runDigest = digest;
+    if (digest) *digest = 0xCBF29CE484222325u;
+    ERROR_FLAGS_E(1, 0, 1, digest ? MixReport : nullptr);
     TL_IMAGE_E(nullptr, 0);  // no walk left from before
     const int32_t blocks = platform::LiveBlocks(), files = platform::OpenFiles();
     const std::string &path = ScratchPath();
@@ -194,7 +234,11 @@ void RunHarness(Harness harness, const uint8_t *data, size_t size) {
     } else {
         const std::vector<uint8_t> bytes = WithMagic(harness, data, size);
         FILE *file = fopen(path.c_str(), "wb");
-        if (!file) return;
+        if (!file) {
+            ERROR_FLAGS_E(1, 0, 1, nullptr);
+            runDigest = nullptr;
+            return;
+        }
         if (!bytes.empty()) fwrite(bytes.data(), 1, bytes.size(), file);
         fclose(file);
         switch (harness) {
@@ -228,6 +272,8 @@ void RunHarness(Harness harness, const uint8_t *data, size_t size) {
     }
     TL_IMAGE_E(nullptr, 0);  // forget any walk still open, and close its file
     TL_CLEARERROR_E();
+    ERROR_FLAGS_E(1, 0, 1, nullptr);
+    runDigest = nullptr;
     Check(platform::LiveBlocks() == blocks, "no block is left behind");
     Check(platform::OpenFiles() == files, "no file is left open");
 }

@@ -26,7 +26,13 @@ enum class Harness {
 // other name is Image).
 Harness HarnessNamed(const char *name);
 
-void RunHarness(Harness harness, const uint8_t *data, size_t size);
+// Runs the target on the bytes.  With `digest`, also gives a digest of all
+// the run produced: every bitmap and raster returned (the bytes their
+// headers claim), the error status after each call, and each report heard
+// (title, text with the scratch file's path taken out, flag).  The digest
+// is the same on every platform, so that a replay can pin what each input
+// gives.
+void RunHarness(Harness harness, const uint8_t *data, size_t size, uint64_t *digest = nullptr);
 
 // The image entry on any format, as before: RunHarness(Harness::Image, ...).
 void RunImageHarness(const uint8_t *data, size_t size);

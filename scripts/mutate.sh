@@ -17,8 +17,8 @@
 # does not compile is not counted.  The suite (ctest, every test) catches a
 # fault when any test fails or times out.  The draw depends only on the
 # seed and the library's sources, so that two suites can be compared on the
-# same faults: SUITE, a git revision, takes tests/ from that revision
-# instead of the working tree, the library staying as it is.
+# same faults: SUITE, a git revision, takes tests/ and fuzz/ from that
+# revision instead of the working tree, the library staying as it is.
 #
 # Prints one line per fault and, at the end, the faults caught out of those
 # that compiled and the ones missed.  Needs what scripts/test.sh needs.
@@ -36,14 +36,23 @@ mkdir -p "$tree"
 # The tracked files as the working tree has them.
 git ls-files -z | tar --null -T - -cf - | tar -xf - -C "$tree"
 if [ -n "$suite" ]; then
-  rm -rf "$tree/tests"
-  mkdir -p "$tree/tests"
-  git archive "$suite" tests | tar -xf - -C "$tree"
+  # The suite is the tests and what they replay (the fuzz harness, its
+  # corpora and their digests).
+  rm -rf "$tree/tests" "$tree/fuzz"
+  git archive "$suite" tests fuzz | tar -xf - -C "$tree"
 fi
 
 cmake -S "$tree" -B "$work/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$work/build" -j"$(nproc)" >/dev/null
+# With MUTATE_LOG set, the whole suite runs for each fault and the tests
+# that failed are written there, a line a fault, to tell which tests catch
+# what; otherwise the suite stops at its first failure.
 run_suite() {
+  if [ -n "${MUTATE_LOG:-}" ]; then
+    ctest --test-dir "$work/build" -j"$(nproc)" --timeout 60 > "$work/ctest.out" 2>&1 && return 0
+    failed=$(sed -n '/The following tests FAILED/,$p' "$work/ctest.out" | sed -n 's/^[[:space:]]*[0-9]* - \([^ ]*\).*/\1/p' | tr '\n' ' ')
+    return 1
+  fi
   ctest --test-dir "$work/build" -j"$(nproc)" --timeout 120 --stop-on-failure >/dev/null 2>&1
 }
 if ! run_suite; then
@@ -126,7 +135,7 @@ open(path, "w", encoding="latin-1").write("\n".join(lines))
 PY
 }
 
-caught=0 compiled=0 index=0
+caught=0 compiled=0 index=0 failed=""
 missed=()
 while IFS=$'\t' read -r file line kind column old new; do
   index=$((index + 1))
@@ -143,6 +152,7 @@ while IFS=$'\t' read -r file line kind column old new; do
     else
       caught=$((caught + 1))
       echo "[$index] caught: $what"
+      [ -n "${MUTATE_LOG:-}" ] && printf '%s\t%s\n' "$what" "$failed" >> "$MUTATE_LOG"
     fi
   fi
   cp "$work/original" "$tree/$file"
