@@ -27,7 +27,6 @@ constexpr std::array<uint8_t, 256> LeadingBits(bool ones) {
 }  // namespace
 
 constexpr std::array<uint8_t, 256> FaxLeadingZeros = LeadingBits(false);
-constexpr std::array<uint8_t, 256> FaxLeadingOnes = LeadingBits(true);
 
 constexpr std::array<uint16_t, 2 * 256> FaxRunFirst = faxcodes::BuildRunFirst();
 constexpr std::array<uint16_t, 2 * 8192> FaxRunLong = faxcodes::BuildRunLong();

@@ -74,4 +74,3 @@ constexpr int32_t FaxUncInvalid = 14;      // eleven or more zero bits: no code 
 extern const uint8_t FaxBitMask[8];         // the bit at position 0..7 from the top
 extern const uint8_t FaxLeftMask[9];        // n bits set from the top
 extern const std::array<uint8_t, 256> FaxLeadingZeros;  // 0 bits at the top of a byte, 8 for 0x00
-extern const std::array<uint8_t, 256> FaxLeadingOnes;   // 1 bits at the top of a byte, 8 for 0xFF

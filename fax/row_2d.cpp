@@ -7,8 +7,7 @@
 // changes.h); FaxDecodeRow2D works on the bitmap and takes the rows
 // the lists can't hold.  There b1 and b2 are found on the reference line
 // by a cursor of 64-pixel windows (FaxNextPixel) that only moves forward
-// from a0 and gives what FaxFindOnes and FaxFindZeros give, with fewer
-// steps.  It reads the guard byte before the line for the positions
+// from a0.  It reads the guard byte before the line for the positions
 // -8..-1, all white, and the zero bytes behind the line's end.
 #include <cstring>
 

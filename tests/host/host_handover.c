@@ -14,7 +14,7 @@ static void TL_CALL Heard(const char *title, const char *text, int32_t withSyste
     ++failures;
 }
 
-/* The pattern of tests/fixtures/bmp/handover_make.sh, 37 x 23, y from the top. */
+/* The pattern of tests/fixtures/bmp/handover_pattern.pbm, 37 x 23, y from the top. */
 enum { PatternWidth = 37, PatternHeight = 23 };
 static int HandoverDark(int x, int y) {
     return x + 2 * y < 24 || (x % 6 == 5 && y % 4 == 2) || (y == 20 && x >= 30);

@@ -1,5 +1,9 @@
+// support.cpp - what the tests share.  Before any test runs, a dialog that
+// cancels at once stands in for the terminal, so that a test reaching a
+// missing file cannot wait for input; tests of the dialog put their own in.
 #include "support/support.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -14,6 +18,9 @@ namespace test {
 
 namespace {
 Recorder *activeRecorder = nullptr;
+
+int32_t TL_CALL CancelAtOnce(TL_FILE_REQUEST *) { return 0; }
+const TL_FILE_DIALOG installedBefore = TlSetFileDialog(CancelAtOnce);
 
 void TL_CALL RecordReport(const char *title, const char *text, int32_t withSystemText) {
     if (activeRecorder) activeRecorder->reports.push_back({title ? title : "", text ? text : "", withSystemText});
@@ -94,6 +101,26 @@ void QuietDefaults() {
 
 LeakGuard::LeakGuard() : blocks(platform::LiveBlocks()), files(platform::OpenFiles()) {}
 bool LeakGuard::Same() const { return blocks == platform::LiveBlocks() && files == platform::OpenFiles(); }
+
+TL_HANDLE Load(const std::string &path, int32_t number) {
+    std::vector<char> name(path.begin(), path.end());
+    name.resize(std::max<size_t>(name.size() + 1, 260), '\0');
+    return TL_IMAGE_E(name.data(), number);
+}
+
+std::vector<std::string> Heard(Recorder &recorder, const std::string &path) {
+    std::vector<std::string> out;
+    const std::string full = path.empty() ? path : FullPath(path);
+    for (Report &r : recorder.reports) {
+        for (const std::string *form : {&path, &full}) {
+            if (size_t at = form->empty() ? std::string::npos : r.text.find(*form); at != std::string::npos)
+                r.text.replace(at, form->size(), "@");
+        }
+        out.push_back(r.title + ": " + r.text + " (" + std::to_string(r.withSystemText) + ")");
+    }
+    recorder.reports.clear();
+    return out;
+}
 
 std::vector<uint8_t> BlockBytes(TL_HANDLE block) {
     std::vector<uint8_t> out;

@@ -63,6 +63,13 @@ struct LeakGuard {
     int32_t files;
 };
 
+// TL_IMAGE_E on a copy of `path` in a buffer of at least 260 bytes.
+TL_HANDLE Load(const std::string &path, int32_t number = 0);
+// The reports heard so far, each as "title: text (withSystemText)" with
+// `path` in the text written "@", as given or in the full form that the
+// library reports; the recorder forgets them.
+std::vector<std::string> Heard(Recorder &recorder, const std::string &path = "");
+
 // Copy of a block's bytes (locks and unlocks it).
 std::vector<uint8_t> BlockBytes(TL_HANDLE block);
 // Frees a block that is unlocked (GlobalFree) or still locked once.

@@ -15,8 +15,6 @@ struct TiffBuilder {
         uint16_t type;
         uint32_t count;
         std::vector<uint8_t> data;  // the values in host order, type size x count bytes
-        bool rawValue;              // true: `raw` goes into the value field as it stands
-        uint32_t raw;
     };
 
     bool mm = false;
@@ -35,25 +33,14 @@ struct TiffBuilder {
     TiffBuilder &Short(uint16_t tag, uint16_t v) { return Shorts(tag, {v}); }
     TiffBuilder &Long(uint16_t tag, uint32_t v) { return Longs(tag, {v}); }
     TiffBuilder &Shorts(uint16_t tag, const std::vector<uint16_t> &v) {
-        Field f{tag, 3, uint32_t(v.size()), {}, false, 0};
+        Field f{tag, 3, uint32_t(v.size()), {}};
         for (uint16_t x : v) f.data.insert(f.data.end(), {uint8_t(x), uint8_t(x >> 8)});
         return Put(f);
     }
     TiffBuilder &Longs(uint16_t tag, const std::vector<uint32_t> &v) {
-        Field f{tag, 4, uint32_t(v.size()), {}, false, 0};
+        Field f{tag, 4, uint32_t(v.size()), {}};
         for (uint32_t x : v) f.data.insert(f.data.end(), {uint8_t(x), uint8_t(x >> 8), uint8_t(x >> 16), uint8_t(x >> 24)});
         return Put(f);
-    }
-    TiffBuilder &Rational(uint16_t tag, uint32_t n, uint32_t d) {
-        Field f{tag, 5, 1, {}, false, 0};
-        for (uint32_t x : {n, d}) f.data.insert(f.data.end(), {uint8_t(x), uint8_t(x >> 8), uint8_t(x >> 16), uint8_t(x >> 24)});
-        return Put(f);
-    }
-    TiffBuilder &Byte(uint16_t tag, uint8_t v) { return Put(Field{tag, 1, 1, {v}, false, 0}); }
-    // An entry whose value field holds `value` (file order applied to it as
-    // a 32-bit number), whatever the type and count say.
-    TiffBuilder &Raw(uint16_t tag, uint16_t type, uint32_t count, uint32_t value) {
-        return Put(Field{tag, type, count, {}, true, value});
     }
     TiffBuilder &Put(const Field &f) {
         for (auto &g : fields)
@@ -64,12 +51,6 @@ struct TiffBuilder {
         fields.push_back(f);
         return *this;
     }
-    TiffBuilder &Remove(uint16_t tag) {
-        for (size_t i = 0; i < fields.size(); ++i)
-            if (fields[i].tag == tag) fields.erase(fields.begin() + long(i));
-        return *this;
-    }
-
     // A bilevel image of the given size and compression, in one strip per
     // element of `stripData`.
     static TiffBuilder Bilevel(uint32_t width, uint32_t height, uint16_t compression,
@@ -120,7 +101,7 @@ struct TiffBuilder {
         // Out-of-line values first, then the directory.
         std::vector<uint32_t> where(all.size(), 0);
         for (size_t i = 0; i < all.size(); ++i) {
-            if (all[i].rawValue || all[i].data.size() <= 4) continue;
+            if (all[i].data.size() <= 4) continue;
             if (out.size() & 1) out.push_back(0);
             where[i] = uint32_t(out.size());
             auto d = fileOrder(all[i]);
@@ -136,9 +117,7 @@ struct TiffBuilder {
             put16(e, all[i].tag);
             put16(e + 2, all[i].type);
             put32(e + 4, all[i].count);
-            if (all[i].rawValue) {
-                put32(e + 8, all[i].raw);
-            } else if (all[i].data.size() <= 4) {
+            if (all[i].data.size() <= 4) {
                 auto d = fileOrder(all[i]);
                 for (size_t k = 0; k < d.size(); ++k) out[e + 8 + k] = d[k];
             } else {
