@@ -60,4 +60,6 @@ for t in "${targets[@]}"; do
   fi
   printf '%-14s %10s %8s %8s %9s\n' "$t" "${execs:-0}" "${cov:-?}" "${ft:-?}" "$findings"
 done
+echo "the corpora changed: write their digests anew, so that the replay pins the new inputs too:"
+echo "  TL_WRITE_DIGESTS=1 build/tests/tolimage_tests --gtest_filter='Replay.*'"
 exit $status

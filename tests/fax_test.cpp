@@ -36,7 +36,6 @@ struct BitWriter {
             if (c == '0' || c == '1') Bit(c == '1');
         return *this;
     }
-    BitWriter &Zeros(int n) { return Bits(std::string(size_t(n), '0')); }
     // Make-up codes of 2560 while more is left, then one make-up and the terminating code.
     BitWriter &Run(bool black, uint32_t n) {
         for (; n > 2623; n -= 2560) Bits(faxcodes::ExtendedMakeUp[12]);
@@ -56,17 +55,15 @@ struct BitWriter {
 struct Strip {
     std::vector<uint8_t> data;
     int32_t prepared = 0;
-    bool overrun = false;  // a row was written past its bytes
 
-    Strip(uint16_t compression, uint32_t width, std::vector<uint8_t> bytes, uint32_t group3Options = 0,
-          uint16_t fillOrder = 1)
+    Strip(uint16_t compression, uint32_t width, std::vector<uint8_t> bytes, uint32_t group3Options = 0)
         : data(std::move(bytes)) {
         std::memset(&TiffImage, 0, sizeof TiffImage);
         TiffImage.imageWidth = width;
         TiffImage.scanlineSize = (width + 7) / 8;
         TiffImage.compression = compression;
         TiffImage.group3Options = group3Options;
-        TiffImage.fillOrder = fillOrder;
+        TiffImage.fillOrder = 1;
         TiffImage.isCcitt = true;
         FaxStart(compression);
         Restart();
@@ -79,16 +76,12 @@ struct Strip {
         TiffImage.currentRow = 0;
         prepared = FaxPrepareStrip();
     }
-    // Decodes one row as TIFFDecodeLine does; the driver's result in *result.
-    std::vector<uint8_t> Next(int32_t *result = nullptr) {
-        std::vector<uint8_t> row(TiffImage.scanlineSize + 8, 0xAA);  // 8 bytes of sentinel
-        int32_t r = TiffImage.compression == 4 ? FaxDecodeRowsG4(row.data(), int32_t(TiffImage.scanlineSize))
-                                               : FaxDecodeRows(row.data(), int32_t(TiffImage.scanlineSize));
+    // Decodes one row as TIFFDecodeLine does.
+    std::vector<uint8_t> Next() {
+        std::vector<uint8_t> row(TiffImage.scanlineSize);
+        TiffImage.compression == 4 ? FaxDecodeRowsG4(row.data(), int32_t(row.size()))
+                                   : FaxDecodeRows(row.data(), int32_t(row.size()));
         ++TiffImage.currentRow;
-        if (result) *result = r;
-        for (size_t i = TiffImage.scanlineSize; i < row.size(); ++i)
-            if (row[i] != 0xAA) overrun = true;
-        row.resize(TiffImage.scanlineSize);
         return row;
     }
 };

@@ -2,10 +2,10 @@
 # by scripts/test.sh --windows.
 #
 # Left out here, and run on POSIX only:
-#   platform_test.cpp         the POSIX stand-ins for the Win32 calls
-#   dialog_platform_test.cpp  the terminal dialog of POSIX
-#   the abort tests that post keys (abort_test.cpp, host_abort.c): Windows
-#                             does not count posted keys as input
+#   platform_test.cpp         the POSIX stand-ins for the Win32 calls and
+#                             those around the dialog
+#   the abort tests that post keys (services_test.cpp, host_abort.c):
+#                             Windows does not count posted keys as input
 #   the box and profile tests marked TL_POSIX_ONLY: the box is a window,
 #                             the profile lives in the Windows directory
 #   cli_dialog_test.sh        the terminal dialog of the tool
@@ -21,8 +21,7 @@ add_subdirectory(${TL_GTEST_SOURCE} ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_
 
 file(GLOB TL_TEST_SOURCES CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*_test.cpp
      ${CMAKE_CURRENT_SOURCE_DIR}/support/*.cpp)
-list(REMOVE_ITEM TL_TEST_SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/platform_test.cpp
-     ${CMAKE_CURRENT_SOURCE_DIR}/dialog_platform_test.cpp)
+list(REMOVE_ITEM TL_TEST_SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/platform_test.cpp)
 add_executable(tolimage_tests ${TL_TEST_SOURCES} ${PROJECT_SOURCE_DIR}/fuzz/harness.cpp)
 target_include_directories(tolimage_tests PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
 target_link_libraries(tolimage_tests PRIVATE tolimage_internal gtest gtest_main)

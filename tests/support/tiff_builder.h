@@ -1,5 +1,5 @@
-// tiff_builder.h - writes small TIFF files field by field, in II or MM
-// order, for the tests of directories that no encoder writes on request.
+// tiff_builder.h - writes small TIFF files field by field, for the tests of
+// strips that no encoder writes on request.
 #pragma once
 
 #include <algorithm>
@@ -17,18 +17,12 @@ struct TiffBuilder {
         std::vector<uint8_t> data;  // the values in host order, type size x count bytes
     };
 
-    bool mm = false;
     std::vector<Field> fields;
     std::vector<std::vector<uint8_t>> strips;
     // Adds StripOffsets (LONG) for the strips, and StripByteCounts unless
     // told not to, when no such field was given.
     bool autoOffsets = true;
     bool autoCounts = true;
-
-    static uint32_t TypeSize(uint16_t type) {
-        static const uint32_t size[] = {1, 1, 1, 2, 4, 8};
-        return type < 6 ? size[type] : 1;
-    }
 
     TiffBuilder &Short(uint16_t tag, uint16_t v) { return Shorts(tag, {v}); }
     TiffBuilder &Long(uint16_t tag, uint32_t v) { return Longs(tag, {v}); }
@@ -64,24 +58,11 @@ struct TiffBuilder {
 
     std::vector<uint8_t> Build() const {
         std::vector<uint8_t> out(8, 0);
-        auto put16 = [&](size_t at, uint16_t v) {
-            if (mm) { out[at] = uint8_t(v >> 8); out[at + 1] = uint8_t(v); }
-            else { out[at] = uint8_t(v); out[at + 1] = uint8_t(v >> 8); }
-        };
+        auto put16 = [&](size_t at, uint16_t v) { out[at] = uint8_t(v), out[at + 1] = uint8_t(v >> 8); };
         auto put32 = [&](size_t at, uint32_t v) {
-            if (mm) { for (int i = 0; i < 4; ++i) out[at + i] = uint8_t(v >> (24 - 8 * i)); }
-            else { for (int i = 0; i < 4; ++i) out[at + i] = uint8_t(v >> (8 * i)); }
+            for (int i = 0; i < 4; ++i) out[at + i] = uint8_t(v >> (8 * i));
         };
-        // Values in the file's order: each value of the field swapped by its size.
-        auto fileOrder = [&](const Field &f) {
-            std::vector<uint8_t> d = f.data;
-            uint32_t size = TypeSize(f.type) == 8 ? 4 : TypeSize(f.type);
-            if (mm && size > 1)
-                for (size_t i = 0; i + size <= d.size(); i += size)
-                    for (uint32_t a = 0, z = size - 1; a < z; ++a, --z) std::swap(d[i + a], d[i + z]);
-            return d;
-        };
-        out[0] = out[1] = mm ? 'M' : 'I';
+        out[0] = out[1] = 'I';
         put16(2, 42);
         std::vector<uint32_t> offsets, counts;
         for (const auto &s : strips) {
@@ -104,8 +85,7 @@ struct TiffBuilder {
             if (all[i].data.size() <= 4) continue;
             if (out.size() & 1) out.push_back(0);
             where[i] = uint32_t(out.size());
-            auto d = fileOrder(all[i]);
-            out.insert(out.end(), d.begin(), d.end());
+            out.insert(out.end(), all[i].data.begin(), all[i].data.end());
         }
         if (out.size() & 1) out.push_back(0);
         const size_t dir = out.size();
@@ -118,8 +98,7 @@ struct TiffBuilder {
             put16(e + 2, all[i].type);
             put32(e + 4, all[i].count);
             if (all[i].data.size() <= 4) {
-                auto d = fileOrder(all[i]);
-                for (size_t k = 0; k < d.size(); ++k) out[e + 8 + k] = d[k];
+                std::copy(all[i].data.begin(), all[i].data.end(), out.begin() + long(e + 8));
             } else {
                 put32(e + 8, where[i]);
             }
