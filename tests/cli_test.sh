@@ -81,6 +81,8 @@ done
 COLUMNS=20 expect 0 "$tool" show "$fixtures/bmp/handover_black_first.bmp"
 [ "$(sed -n 2p "$out/stdout")" = "██████████▀▜  ▗  ▗ " ] || { echo "FAIL: show's first line"; cat "$out/stdout"; fail=1; }
 [ "$(wc -l < "$out/stdout")" = 7 ] || { echo "FAIL: show's line count"; fail=1; }
+COLUMNS=80 expect 0 "$tool" show "$samples/sample.bmp"  # 480 columns: a side past 255
+[ "$(sed -n 2p "$out/stdout" | wc -m)" = 81 ] || { echo "FAIL: show at 80 columns"; fail=1; }
 expect 1 "$tool" show "$out/one.bin"
 expect 1 "$tool" raster "$out/one.bin" "$out/none.pbm"
 

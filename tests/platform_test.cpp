@@ -293,6 +293,13 @@ TEST(MessageQueue, OrderRangesWindowsAndInputState) {
     EXPECT_NE(Peek(), "none");
 }
 
+TEST(Text, WsprintfWidthsPrecisionAndTheCutAt1024) {
+    char buffer[1100];
+    EXPECT_EQ(wsprintfA(buffer, "[%9d][%.3s][%lu]", 42, "abcdef", uint32_t(0xFFFFFFFF)), 28);
+    EXPECT_STREQ(buffer, "[       42][abc][4294967295]");
+    EXPECT_EQ(wsprintfA(buffer, "%s", std::string(2000, 'a').c_str()), 1024);
+}
+
 TEST(Paths, FullpathAndAccess) {
     char cwd[4096], buffer[260];
     ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
