@@ -50,6 +50,33 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
 endif()
 tl_version_resource(tolimage tolimage.dll "TolImage document image loader" VFT_DLL)
 
+# A release DLL carries no debug sections: they go to tolimage.dll.debug
+# beside it, which the DLL names (.gnu_debuglink), so that a debugger or a
+# crash report reader finds them.
+find_program(TL_OBJCOPY NAMES ${CMAKE_OBJCOPY} objcopy REQUIRED)
+add_custom_command(TARGET tolimage POST_BUILD
+  COMMAND ${TL_OBJCOPY} --only-keep-debug $<TARGET_FILE:tolimage> $<TARGET_FILE:tolimage>.debug
+  COMMAND ${TL_OBJCOPY} --strip-debug --strip-unneeded --add-gnu-debuglink=$<TARGET_FILE:tolimage>.debug
+          $<TARGET_FILE:tolimage>
+  WORKING_DIRECTORY $<TARGET_FILE_DIR:tolimage>
+  VERBATIM)
+
+# The import library of the Microsoft toolchain, tolimage.lib, made from the
+# same .def: for 32 bits the decorated names a host's compiler asks for
+# (_TL_IMAGE_E@8) map onto the DLL's undecorated exports.
+find_program(TL_LLVM_DLLTOOL NAMES llvm-dlltool llvm-dlltool-14)
+if(TL_LLVM_DLLTOOL)
+  if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+    set(TL_DLLTOOL_MACHINE i386)
+  else()
+    set(TL_DLLTOOL_MACHINE i386:x86-64)
+  endif()
+  add_custom_command(TARGET tolimage POST_BUILD
+    COMMAND ${TL_LLVM_DLLTOOL} -m ${TL_DLLTOOL_MACHINE} -d ${PROJECT_BINARY_DIR}/tolimage.def -D tolimage.dll
+            -l ${PROJECT_BINARY_DIR}/tolimage.lib -k
+    VERBATIM)
+endif()
+
 # The tests link the library's objects built once more, with the layer that
 # counts blocks and files (platform/windows/counting.cpp).
 add_library(tolimage_internal STATIC ${TL_SOURCES})

@@ -4,7 +4,8 @@
 #   deps.sh fuzz       and clang with its libFuzzer runtime, and libtiff (the differential target's peer)
 #   deps.sh bench      and Google Benchmark with libtiff (the peer measured)
 #   deps.sh package    and dpkg-dev, for cpack's Debian package
-#   deps.sh windows    and mingw-w64, wine64 and GoogleTest's sources, for the Windows build
+#   deps.sh windows    and mingw-w64, wine64, GoogleTest's sources, and LLVM's dlltool, clang-cl
+#                      and lld-link for the Microsoft import library and its test
 set -euo pipefail
 packages=(cmake make g++ libgtest-dev binutils pkg-config)
 recommends=""  # Wine recommends a desktop's worth of packages it does not need here
@@ -13,7 +14,7 @@ for extra in "$@"; do
     fuzz) packages+=(clang libclang-rt-14-dev libtiff-dev pkg-config) ;;
     bench) packages+=(libbenchmark-dev libtiff-dev) ;;
     package) packages+=(dpkg-dev) ;;
-    windows) packages+=(mingw-w64 wine64 googletest); recommends=--no-install-recommends ;;
+    windows) packages+=(mingw-w64 wine64 googletest llvm clang lld man-db bsdextrautils); recommends=--no-install-recommends ;;
   esac
 done
 missing=()
