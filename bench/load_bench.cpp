@@ -3,10 +3,14 @@
 //
 // Pages: an A4 page of dense text at 300 dpi (bench/data/a4-text.tif,
 // 2480 x 3508) and a form drawn from it (ruled cells, some filled with
-// text).  Each is written by libtiff in every compression the library reads
-// (none, CCITT RLE, Group 3 1D and 2D, Group 4, LZW, PackBits), once with
-// libtiff's default strip size (about 8 KB of raw rows a strip, as tiffcp
-// and most scanners write) and once as one strip.  For each file the rounds
+// text); the two inverted (a4-textb, a4-formb: black-dominant, in the CCITT
+// codings); a second form of wide margins and ruled boxes (a4-form2, LZW,
+// PackBits and G4), and a Floyd-Steinberg halftone of a grey picture
+// (a4-dither, G4 and LZW).  Each is written by libtiff in the codings it
+// lists (the first two in every compression the library reads: none, CCITT
+// RLE, Group 3 1D and 2D, Group 4, LZW, PackBits, and RLE min-is-black in
+// 211-row strips), once with libtiff's default strip size (about 8 KB of raw
+// rows a strip, as tiffcp and most scanners write) and once as one strip.  For each file the rounds
 // alternate: TolImage (TL_IMAGE_E, free), then libtiff (TIFFOpen,
 // TIFFReadEncodedStrip of every strip into one buffer, TIFFClose); the best
 // round of each is kept, in wall and in processor time.  The floor is what
@@ -18,6 +22,7 @@
 #include <tiffio.h>
 
 #include <algorithm>
+#include <cmath>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -36,6 +41,7 @@ struct Page {
     uint32_t width = 0, height = 0, line = 0;
     std::vector<uint8_t> rows;  // packed, 1 black
     uint64_t changes = 0;       // colour changes along all rows
+    std::string codings;        // the codings it is written in, a comma list; empty: all
 };
 
 struct Coding {
@@ -43,6 +49,8 @@ struct Coding {
     uint16_t compression;
     uint32_t group3Options;
     bool ccitt;
+    uint16_t photometric = PHOTOMETRIC_MINISWHITE;  // MINISBLACK: the bits stored inverted
+    uint32_t rowsPerStrip = 0;                      // 0: libtiff's default strips of about 8 KB
 };
 
 constexpr Coding Codings[] = {
@@ -53,6 +61,9 @@ constexpr Coding Codings[] = {
     {"g4", COMPRESSION_CCITTFAX4, 0, true},
     {"lzw", COMPRESSION_LZW, 0, false},
     {"packbits", COMPRESSION_PACKBITS, 0, false},
+    // CCITT RLE as some writers store bilevel images: min-is-black, in
+    // strips of 211 rows (about 8 KB coded).
+    {"rle-mb", COMPRESSION_CCITTRLE, 0, true, PHOTOMETRIC_MINISBLACK, 211},
 };
 
 bool ReadPage(const std::string &path, Page &page) {
@@ -111,6 +122,75 @@ Page MakeForm(const Page &text) {
     return form;
 }
 
+// The page with every bit inverted, stored min-is-white: its long runs are
+// black runs, as a negative or a dark scan gives them.
+Page Inverted(const Page &page, const char *name) {
+    Page black = page;
+    black.name = name;
+    black.codings = "rle,g3-1d,g3-2d,g4";
+    for (uint8_t &b : black.rows) b = uint8_t(~b);
+    for (uint32_t y = 0; y < black.height; ++y)  // the pad bits of each row stay white
+        if (black.width % 8) black.rows[size_t(y) * black.line + black.line - 1] &= uint8_t(0xFF00 >> (black.width % 8));
+    CountChanges(black);
+    return black;
+}
+
+// A second form: wide white margins, ruled boxes of two sizes, a few lines
+// of the text page in some boxes.
+Page MakeSecondForm(const Page &text) {
+    Page form = text;
+    form.name = "a4-form2";
+    form.codings = "lzw,packbits,g4";
+    std::fill(form.rows.begin(), form.rows.end(), 0);
+    auto set = [&](uint32_t x, uint32_t y) { form.rows[size_t(y) * form.line + x / 8] |= uint8_t(0x80 >> (x % 8)); };
+    const uint32_t left = 400, right = form.width - 400, top = 500, bottom = form.height - 600;
+    for (uint32_t y = top; y < bottom; ++y) {
+        const uint32_t rowHeight = (y - top) < 1200 ? 100 : 240, inRow = (y - top) % rowHeight;
+        const uint32_t boxes = (y - top) < 1200 ? 3 : 2;
+        for (uint32_t x = left; x < right; ++x) {
+            const uint32_t boxWidth = (right - left) / boxes, inBox = (x - left) % boxWidth;
+            if (inRow < 2 || inBox < 2 || x >= right - 2 || y >= bottom - 2) {
+                set(x, y);
+            } else if (inRow > 30 && inRow < 78 && inBox > 20 && (x - left) / boxWidth == 0 &&
+                       (text.rows[size_t(y) * text.line + x / 8] & (0x80 >> (x % 8)))) {
+                set(x, y);
+            }
+        }
+    }
+    CountChanges(form);
+    return form;
+}
+
+// A photo-like page: a grey picture (soft gradients and rings) halftoned
+// by Floyd-Steinberg error diffusion, as pgmtopbm -floyd does, so that runs
+// stay short and a row has hundreds of changes.
+Page MakeDithered(const Page &text) {
+    Page page = text;
+    page.name = "a4-dither";
+    page.codings = "g4,lzw";
+    std::fill(page.rows.begin(), page.rows.end(), 0);
+    std::vector<float> error(size_t(page.width) + 2, 0.0f), next(size_t(page.width) + 2, 0.0f);
+    for (uint32_t y = 0; y < page.height; ++y) {
+        std::fill(next.begin(), next.end(), 0.0f);
+        for (uint32_t x = 0; x < page.width; ++x) {
+            const double dx = double(x) - page.width * 0.4, dy = double(y) - page.height * 0.35;
+            const double grey = 0.5 + 0.3 * std::sin(std::sqrt(dx * dx + dy * dy) / 90.0) * std::exp(-(dx * dx + dy * dy) / 4e6) +
+                                0.2 * double(x) / page.width - 0.15 * double(y) / page.height;
+            const float want = float(std::clamp(grey, 0.0, 1.0)) + error[x + 1];  // 1 white
+            const float got = want < 0.5f ? 0.0f : 1.0f;
+            if (got == 0.0f) page.rows[size_t(y) * page.line + x / 8] |= uint8_t(0x80 >> (x % 8));
+            const float e = want - got;
+            error[x + 2] += e * 7 / 16;
+            next[x] += e * 3 / 16;
+            next[x + 1] += e * 5 / 16;
+            next[x + 2] += e * 1 / 16;
+        }
+        error.swap(next);
+    }
+    CountChanges(page);
+    return page;
+}
+
 bool WritePage(const Page &page, const Coding &coding, bool oneStrip, const std::string &path) {
     TIFF *tif = TIFFOpen(path.c_str(), "w");
     if (!tif) return false;
@@ -118,14 +198,17 @@ bool WritePage(const Page &page, const Coding &coding, bool oneStrip, const std:
     TIFFSetField(tif, TIFFTAG_IMAGELENGTH, page.height);
     TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 1);
     TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, 1);
-    TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISWHITE);
+    TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, coding.photometric);
     TIFFSetField(tif, TIFFTAG_COMPRESSION, coding.compression);
     TIFFSetField(tif, TIFFTAG_XRESOLUTION, 300.0);
     TIFFSetField(tif, TIFFTAG_YRESOLUTION, 300.0);
     TIFFSetField(tif, TIFFTAG_RESOLUTIONUNIT, RESUNIT_INCH);
     if (coding.compression == COMPRESSION_CCITTFAX3) TIFFSetField(tif, TIFFTAG_GROUP3OPTIONS, coding.group3Options);
-    TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, oneStrip ? page.height : TIFFDefaultStripSize(tif, 0));
+    const uint32_t rowsPerStrip = coding.rowsPerStrip ? coding.rowsPerStrip : TIFFDefaultStripSize(tif, 0);
+    TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, oneStrip ? page.height : rowsPerStrip);
     std::vector<uint8_t> copy(page.rows);
+    if (coding.photometric == PHOTOMETRIC_MINISBLACK)  // the same picture, its bits stored inverted
+        for (uint8_t &b : copy) b = uint8_t(~b);
     bool ok = true;
     for (uint32_t y = 0; y < page.height && ok; ++y) ok = TIFFWriteScanline(tif, &copy[size_t(y) * page.line], y, 0) >= 0;
     TIFFClose(tif);
@@ -208,6 +291,10 @@ int main(int argc, char **argv) {
     }
     CountChanges(pages[0]);
     pages.push_back(MakeForm(pages[0]));
+    pages.push_back(Inverted(pages[0], "a4-textb"));
+    pages.push_back(Inverted(pages[1], "a4-formb"));
+    pages.push_back(MakeSecondForm(pages[0]));
+    pages.push_back(MakeDithered(pages[0]));
 
     std::printf("%-9s %-9s %-7s %6s | %9s %9s | %9s %9s | %6s %6s | %9s\n", "page", "coding", "strips", "KB",
                 "TolImage", "libtiff", "TolImage", "libtiff", "ratio", "ratio", "TolImage");
@@ -218,8 +305,9 @@ int main(int argc, char **argv) {
             for (const Coding &coding : Codings) {
                 // TL_BENCH_ONLY=lzw,packbits times only the codings named.
                 const char *only = std::getenv("TL_BENCH_ONLY");
-                if (only && !std::strstr((std::string(",") + only + ",").c_str(),
-                                         (std::string(",") + coding.name + ",").c_str()))
+                const std::string name = std::string(",") + coding.name + ",";
+                if (only && !std::strstr((std::string(",") + only + ",").c_str(), name.c_str())) continue;
+                if (!page.codings.empty() && (std::string(",") + page.codings + ",").find(name) == std::string::npos)
                     continue;
                 const std::string path = std::string(folder) + "/" + page.name + "-" + coding.name + ".tif";
                 if (!WritePage(page, coding, oneStrip, path)) return 1;
