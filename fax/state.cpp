@@ -51,7 +51,7 @@ void FaxReportUnexpectedCode() {
     // the text is not built again for each of them.
     if (!ReportIsHeard()) return;
     wsprintfA(TiffImage.messageBuffer, "Unexpected code in line %ld", int32_t(TiffImage.currentRow));
-    ReportError("TIFF Read", TiffImage.messageBuffer, 0);
+    ReportError(TiffReadTitle, TiffImage.messageBuffer, 0);
 }
 
 uint32_t FaxZeroRunsDropped = 0;

@@ -4,10 +4,8 @@
 // the thousand in the replay of the kept inputs.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <random>
 #include <set>
-#include <sstream>
 #include <string>
 #include <tuple>
 

@@ -5,8 +5,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstring>
-#include <map>
 #include <string>
 #include <thread>
 #include <vector>

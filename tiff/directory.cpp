@@ -24,7 +24,6 @@ static_assert(std::endian::native == std::endian::little,
 
 namespace {
 
-constexpr const char *ReadTitle = "TIFF Read";
 constexpr uint16_t OrderII = 0x4949;
 constexpr uint16_t OrderMM = 0x4D4D;
 constexpr uint16_t TiffVersion = 42;
@@ -64,7 +63,7 @@ enum : uint16_t {
 // The entries of the directory being read.
 TiffDirEntry DirectoryEntries[TiffMaxEntries];
 
-void Refuse(const char *text) { ReportError(ReadTitle, text, 0); }
+void Refuse(const char *text) { ReportError(TiffReadTitle, text, 0); }
 
 // The directory group runs from imageWidth up to (not including) tiffFile.
 void ZeroDirectoryGroup() {

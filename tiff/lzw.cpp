@@ -23,7 +23,6 @@
 
 namespace {
 
-constexpr const char *ReadTitle = "TIFF Read";
 constexpr uint16_t MinCodeWidth = 9;
 constexpr uint16_t MaxCodeWidth = 12;
 
@@ -49,7 +48,7 @@ LzwState *State() { return static_cast<LzwState *>(LzwStateBlock.pointer); }
 
 void ReportRow(const char *format) {
     wsprintfA(TiffImage.messageBuffer, format, TiffImage.currentRow);
-    ReportError(ReadTitle, TiffImage.messageBuffer, 0);
+    ReportError(TiffReadTitle, TiffImage.messageBuffer, 0);
 }
 
 // Writes bytes [from, from + n) of the string of `e` to `out`; false when
@@ -155,7 +154,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
     LzwState *s = State();
     if (s == nullptr) {
         if (!TiffImage.rowsZeroed && count > 0) std::memset(row, 0, size_t(count));
-        ReportError(ReadTitle, "Internal error in LZW decoding", 0);
+        ReportError(TiffReadTitle, "Internal error in LZW decoding", 0);
         return 0;
     }
     uint8_t *out = row;
@@ -247,7 +246,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         const bool fresh = e == freeEntry;  // the code names the entry it makes
         if (freeEntry >= tableEnd) {
             if (!t.rowsZeroed) std::memset(out, 0, size_t(left));
-            ReportError(ReadTitle, "Internal error in LZW decoding", 0);
+            ReportError(TiffReadTitle, "Internal error in LZW decoding", 0);
             return 0;
         }
         if (oldEntry == nullptr) {

@@ -9,12 +9,6 @@
 #include "tiff/byte_spans.h"
 #include "tiff/record.h"
 
-namespace {
-
-constexpr const char *ReadTitle = "TIFF Read";
-
-}  // namespace
-
 int32_t PackBitsDecodeLine(uint8_t *row, int32_t count) {
     auto &t = TiffImage;
     const uint8_t *in = t.rawCursor;
@@ -113,7 +107,7 @@ int32_t PackBitsDecodeLine(uint8_t *row, int32_t count) {
         // The rest of the row is white, not what an earlier block left.
         if (!t.rowsZeroed) std::memset(out, 0, size_t(left));
         wsprintfA(t.messageBuffer, "Internal allocation error in line %ld", t.currentRow);
-        ReportError(ReadTitle, t.messageBuffer, 0);
+        ReportError(TiffReadTitle, t.messageBuffer, 0);
         return 0;
     }
     return 1;

@@ -130,12 +130,6 @@ RowsDecoder RowsDecoderOf(uint16_t compression) {
     }
 }
 
-uint32_t TiffImageLength() { return TiffImage.imageLength; }
-uint32_t TiffImageWidth() { return TiffImage.imageWidth; }
-uint16_t TiffPhotometric() { return TiffImage.photometric; }
-int32_t TiffXPelsPerMeter() { return PelsPerMeter(TiffImage.xResolution); }
-int32_t TiffYPelsPerMeter() { return PelsPerMeter(TiffImage.yResolution); }
-
 }  // namespace
 
 TL_HANDLE ReadTIF(const char *name, int32_t imageNumber) {
@@ -148,8 +142,8 @@ TL_HANDLE ReadTIF(const char *name, int32_t imageNumber) {
     TL_HANDLE block = 0;
     uint8_t *bits = nullptr;
     if (TiffOpen(name)) {
-        const uint32_t width = TiffImageWidth();
-        const uint32_t height = TiffImageLength();
+        const uint32_t width = TiffImage.imageWidth;
+        const uint32_t height = TiffImage.imageLength;
         const uint32_t rowBytes = TiffRowBytes(width);
         // biSizeImage and the block size are products of numbers from the
         // file: an image whose block would pass the library's ceiling, or
@@ -231,12 +225,12 @@ TL_HANDLE ReadTIF(const char *name, int32_t imageNumber) {
                 StoreU16(bits + 14, 1);
                 StoreU32(bits + 16, 0);
                 StoreU32(bits + 20, uint32_t(sizeImage));
-                StoreU32(bits + 24, uint32_t(TiffXPelsPerMeter()));
-                StoreU32(bits + 28, uint32_t(TiffYPelsPerMeter()));
+                StoreU32(bits + 24, uint32_t(PelsPerMeter(TiffImage.xResolution)));
+                StoreU32(bits + 28, uint32_t(PelsPerMeter(TiffImage.yResolution)));
                 StoreU32(bits + 32, 2);
                 StoreU32(bits + 36, 0);
                 bits[40] = bits[41] = bits[42] = 255;  // entry 0 white; entry 1 stays black
-                if (TiffPhotometric() == 1) ComplementBytes(bits + HeaderBytes, sizeImage);
+                if (TiffImage.photometric == 1) ComplementBytes(bits + HeaderBytes, sizeImage);
             }
         }
     }

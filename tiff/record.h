@@ -11,6 +11,9 @@
 #include "services/blocks.h"
 #include "services/files.h"
 
+// The title of the TIFF reader's reports of a file's data.
+constexpr const char *TiffReadTitle = "TIFF Read";
+
 // The most strips an image may have: an image of more strips is refused
 // as a malformed strip table.
 constexpr uint32_t TiffMaxStrips = 256;

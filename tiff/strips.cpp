@@ -22,7 +22,6 @@
 
 namespace {
 
-constexpr const char *ReadTitle = "TIFF Read";
 constexpr int32_t StripBufferStep = 1024;    // the strip buffer grows in steps of this
 
 // Largest byte count a strip may claim: no more than the file holds, or
@@ -36,7 +35,7 @@ uint64_t StripByteCeiling() {
 
 void FormatRowMessage(const char *format, uint32_t row) {
     wsprintfA(TiffImage.messageBuffer, format, row);
-    ReportError(ReadTitle, TiffImage.messageBuffer, 0);
+    ReportError(TiffReadTitle, TiffImage.messageBuffer, 0);
 }
 
 int32_t NoRowDecoder(uint8_t *, int32_t) { return 0; }
@@ -109,7 +108,7 @@ int32_t LoadStrip(uint32_t strip) {
     const auto count = int32_t(t.stripByteCounts[strip]);
     if (count <= 0 || uint64_t(count) > StripByteCeiling()) {
         wsprintfA(t.messageBuffer, "Invalid StripByteCount %lu in strip %lu", uint32_t(count), strip);
-        ReportError(ReadTitle, t.messageBuffer, 0);
+        ReportError(TiffReadTitle, t.messageBuffer, 0);
         return 0;
     }
     // An uncompressed strip is read as far as the file holds it: the rows

@@ -9,17 +9,11 @@
 #include "services/errors.h"
 #include "tiff/record.h"
 
-namespace {
-
-constexpr const char *ReadTitle = "TIFF Read";
-
-}  // namespace
-
 int32_t CopyLine(uint8_t *row, int32_t count) {
     auto &t = TiffImage;
     if (t.rawLeft < count) {
         wsprintfA(t.messageBuffer, "Internal allocation error in line %d", t.currentRow);
-        ReportError(ReadTitle, t.messageBuffer, 0);
+        ReportError(TiffReadTitle, t.messageBuffer, 0);
         if (!t.rowsZeroed && count > 0) std::memset(row, 0, size_t(count));
         return 0;
     }
