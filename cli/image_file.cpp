@@ -1,12 +1,14 @@
 // image_file.cpp - reading bitmap blocks and writing them as PBM or PPM.
 #include "cli/image_file.h"
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <algorithm>
 #include <cstring>
 #include <fstream>
 
+#include "cli/png_file.h"
 #include "tolimage_posix.h"
 
 namespace cli {
@@ -37,6 +39,8 @@ uint32_t PixelIndex(const Bitmap &bitmap, int32_t x, int32_t y) {
     switch (bitmap.bits) {
         case 1:
             return (byte >> (7 - bit % 8)) & 1;
+        case 2:
+            return (byte >> (6 - bit % 8)) & 3;
         case 4:
             return bit % 8 == 0 ? byte >> 4 : byte & 15;
         case 8:
@@ -121,7 +125,31 @@ bool IsDark(const Bitmap &bitmap, int32_t x, int32_t y) {
 
 bool CanWrite(const Bitmap &bitmap) { return bitmap.compression == 0 && bitmap.bits != 0; }
 
-bool WriteBitmap(const Bitmap &bitmap, const std::string &path) {
+OutputKind OutputKindOf(const std::string &path) {
+    size_t slash = path.find_last_of('/');
+    size_t dot = path.find_last_of('.');
+    if (dot == std::string::npos || dot == 0 || (slash != std::string::npos && dot <= slash + 1))
+        return OutputKind::Netpbm;
+    std::string extension = path.substr(dot + 1);
+    for (char &c : extension) c = char(tolower(static_cast<unsigned char>(c)));
+    if (extension == "pbm" || extension == "ppm") return OutputKind::Netpbm;
+    return extension == "png" ? OutputKind::Png : OutputKind::Unknown;
+}
+
+bool UsableOutput(const std::string &path) {
+    OutputKind kind = OutputKindOf(path);
+    if (kind == OutputKind::Unknown)
+        fprintf(stderr, "tolimage: %s: unknown output type (.pbm, .ppm or .png)\n", path.c_str());
+    else if (kind == OutputKind::Png && !CanWritePng())
+        fprintf(stderr, "tolimage: %s: this build of the tool writes no PNG\n", path.c_str());
+    else
+        return true;
+    return false;
+}
+
+namespace {
+
+bool WriteNetpbm(const Bitmap &bitmap, const std::string &path) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     if (!out) return false;
     int32_t rows = bitmap.height < 0 ? -bitmap.height : bitmap.height;
@@ -149,6 +177,50 @@ bool WriteBitmap(const Bitmap &bitmap, const std::string &path) {
         }
     }
     return bool(out);
+}
+
+// The bitmap as PNG rows.  A palette shorter than the depth allows is
+// filled up with black, the colour the netpbm output gives an index past
+// the palette, so that no index in the file points past its PLTE chunk.
+PngImage PngOf(const Bitmap &bitmap) {
+    PngImage png;
+    png.width = uint32_t(bitmap.width);
+    png.height = uint32_t(bitmap.height < 0 ? -bitmap.height : bitmap.height);
+    png.xPelsPerMeter = bitmap.xPelsPerMeter;
+    png.yPelsPerMeter = bitmap.yPelsPerMeter;
+    const bool indexed = bitmap.bits == 2 || bitmap.bits == 4 || bitmap.bits == 8;
+    png.bitDepth = bitmap.bits == 1 || indexed ? bitmap.bits : 8;
+    png.colourType = bitmap.bits == 1 ? 0 : indexed ? 3 : 2;
+    png.rowBytes = png.colourType == 2 ? size_t(png.width) * 3 : (size_t(png.width) * png.bitDepth + 7) / 8;
+    png.rows.assign(png.rowBytes * png.height, 0);
+    if (indexed) {
+        png.palette.assign(3 * (size_t(1) << bitmap.bits), 0);
+        for (uint32_t i = 0; i < bitmap.colours && i < (1u << bitmap.bits); ++i)
+            for (int c = 0; c < 3; ++c) png.palette[3 * i + c] = bitmap.palette[4 * i + 2 - c];
+    }
+    for (uint32_t y = 0; y < png.height; ++y) {
+        uint8_t *row = png.rows.data() + size_t(y) * png.rowBytes;
+        for (uint32_t x = 0; x < png.width; ++x) {
+            if (png.colourType == 2) {
+                uint8_t bgr[3];
+                PixelColour(bitmap, int32_t(x), int32_t(y), bgr);
+                for (int c = 0; c < 3; ++c) row[3 * size_t(x) + c] = bgr[2 - c];
+            } else {
+                uint32_t value = bitmap.bits == 1 ? !IsDark(bitmap, int32_t(x), int32_t(y))
+                                                  : PixelIndex(bitmap, int32_t(x), int32_t(y));
+                size_t bit = size_t(x) * png.bitDepth;
+                row[bit / 8] = uint8_t(row[bit / 8] | value << (8 - png.bitDepth - bit % 8));
+            }
+        }
+    }
+    return png;
+}
+
+}  // namespace
+
+bool WriteBitmap(const Bitmap &bitmap, const std::string &path) {
+    if (OutputKindOf(path) == OutputKind::Png) return WritePng(PngOf(bitmap), path);
+    return WriteNetpbm(bitmap, path);
 }
 
 TL_HANDLE LoadImageFile(const std::string &path, int32_t number, std::string *chosen) {

@@ -47,7 +47,20 @@ void PixelColour(const Bitmap &bitmap, int32_t x, int32_t y, uint8_t rgb[3]);
 // out as a PPM of hundreds of gigabytes.
 bool CanWrite(const Bitmap &bitmap);
 
-// Writes a 1-bit bitmap as PBM (dark pixels set), any other as PPM.
+// What an output name's extension asks for: ".pbm" and ".ppm" (or no
+// extension) the netpbm output, ".png" PNG; any other extension is refused
+// before a file is read.
+enum class OutputKind { Netpbm, Png, Unknown };
+OutputKind OutputKindOf(const std::string &path);
+
+// Checks an output name for a command: prints why it cannot be written
+// (unknown extension, or PNG in a build without it) and gives false.
+bool UsableOutput(const std::string &path);
+
+// Writes the bitmap in the form its name asks for.  Netpbm: a 1-bit bitmap
+// as PBM (dark pixels set), any other as PPM.  PNG: a 1-bit bitmap as 1-bit
+// greyscale (dark pixels black), 2, 4 and 8 bits through their palette, any
+// other as RGB; the resolution goes into the pHYs chunk.
 bool WriteBitmap(const Bitmap &bitmap, const std::string &path);
 
 // Loads image `number` of `path` (a copy of the name is handed over, so the

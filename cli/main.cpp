@@ -1,11 +1,12 @@
 // tolimage - look at what the TolImage library makes of image files.
 //
 //   tolimage info FILE...       format, size, depth, colours, resolution
-//   tolimage convert FILE OUT   a 1-bit image as PBM, any other as PPM
+//   tolimage convert FILE OUT   OUT.png as PNG; OUT.pbm/.ppm: a 1-bit image as
+//                               PBM, any other as PPM
 //   tolimage convert FILE OUT --all
 //                               every image of a multi-image (RAS) file, to
 //                               OUT with the image number before the extension
-//   tolimage raster FILE OUT    the raster the engine is handed, as PBM
+//   tolimage raster FILE OUT    the raster the engine is handed, as PBM or PNG
 //   tolimage show FILE          that raster drawn in the terminal
 //   tolimage help [COMMAND], --help, --version
 //
@@ -35,11 +36,15 @@ constexpr Command Commands[] = {
      "Prints each file's format, size, bits per pixel, colours and resolution;\n"
      "for a RAS file also how many images it holds.\n"},
     {"convert", "convert FILE OUT [--all]",
-     "Writes the image as PBM (a 1-bit image, dark pixels set) or PPM (any other).\n"
+     "Writes the image as PNG when OUT ends in .png: a 1-bit image as 1-bit grey\n"
+     "(dark pixels black), 4 and 8 bits with their palette, the resolution kept.\n"
+     "Otherwise (.pbm, .ppm or no extension) as PBM (a 1-bit image, dark pixels\n"
+     "set) or PPM (any other).\n"
      "With --all, every image of a multi-image RAS file, to OUT with -0, -1, ...\n"
      "before the extension.\n"},
-    {"raster", "raster FILE OUT.pbm",
-     "Writes the 1-bit raster that the recognition engine is handed, as PBM.\n"},
+    {"raster", "raster FILE OUT",
+     "Writes the 1-bit raster that the recognition engine is handed, as PNG\n"
+     "when OUT ends in .png (dark pixels black), otherwise as PBM.\n"},
     {"show", "show FILE",
      "Draws that raster in the terminal, scaled to its width.\n"},
     {"help", "help [COMMAND]",
@@ -150,6 +155,8 @@ int main(int argc, char **argv) {
     if (argc >= 2 && argc <= 3 && strcmp(argv[1], "help") == 0) return Help(argc == 3 ? argv[2] : nullptr);
     if (argc < 3) return Usage(argc == 2 ? argv[1] : nullptr);
     cli::ReportToStderr();
+    const bool writes = strcmp(argv[1], "convert") == 0 || strcmp(argv[1], "raster") == 0;
+    if (writes && argc >= 4 && !cli::UsableOutput(argv[3])) return 2;
     if (strcmp(argv[1], "info") == 0) return Info(argc - 2, argv + 2);
     if (strcmp(argv[1], "convert") == 0 && argc == 4) return Convert(argv[2], argv[3]);
     if (strcmp(argv[1], "convert") == 0 && argc == 5 && strcmp(argv[4], "--all") == 0)

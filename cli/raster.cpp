@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "cli/image_file.h"
+#include "cli/png_file.h"
 #include "platform/terminal.h"
 #include "tolimage_posix.h"
 
@@ -138,28 +140,42 @@ void Draw(const HostView &view, int columns, bool colour) {
 
 }  // namespace
 
-int RasterCommand(const char *file, const char *outPbm) {
+int RasterCommand(const char *file, const char *out) {
     HostView view;
     if (!LoadHostView(file, view)) return 1;
-    FILE *out = fopen(outPbm, "wb");
-    bool written = out != nullptr;
-    if (out) {
-        // PBM's 1 is black, as the raster's set bit is dark, and its rows
-        // are packed to whole bytes: the raster's rows go out as they are,
-        // but for the bits past the last column, which are cleared so that
-        // the same image always gives the same file.
-        fprintf(out, "P4\n%d %d\n", int(view.columns), int(view.rows));
-        const uint8_t lastMask = uint8_t(0xFF00u >> (view.columns % 8 ? view.columns % 8 : 8));
-        std::vector<uint8_t> row(size_t(view.packed));
-        for (int32_t y = 0; y < view.rows && written && view.packed > 0; ++y) {
-            std::memcpy(row.data(), view.bits + size_t(y) * view.packed, row.size());
-            row.back() &= lastMask;
-            written = fwrite(row.data(), 1, row.size(), out) == row.size();
-        }
-        written = fclose(out) == 0 && written;
+    // The raster's rows go out as they are, but for the bits past the last
+    // column, which are cleared so that the same image always gives the
+    // same file.  PBM's 1 is black, as the raster's set bit is dark; a grey
+    // PNG's 1 is white, so its rows are the raster's inverted.
+    const bool png = cli::OutputKindOf(out) == cli::OutputKind::Png;
+    const uint8_t lastMask = uint8_t(0xFF00u >> (view.columns % 8 ? view.columns % 8 : 8));
+    std::vector<uint8_t> rows(size_t(view.packed) * view.rows);
+    for (int32_t y = 0; y < view.rows && view.packed > 0; ++y) {
+        uint8_t *row = rows.data() + size_t(y) * view.packed;
+        std::memcpy(row, view.bits + size_t(y) * view.packed, size_t(view.packed));
+        if (png)
+            for (int32_t i = 0; i < view.packed; ++i) row[i] = uint8_t(~row[i]);
+        row[view.packed - 1] &= lastMask;
     }
+    cli::PngImage image;
+    image.width = uint32_t(view.columns);
+    image.height = uint32_t(view.rows);
+    image.rowBytes = size_t(view.packed);
     ReleaseHostView(view);
-    if (!written) fprintf(stderr, "tolimage: cannot write %s\n", outPbm);
+    bool written;
+    if (png) {
+        image.rows = std::move(rows);
+        written = cli::WritePng(image, out);
+    } else {
+        FILE *file = fopen(out, "wb");
+        written = file != nullptr;
+        if (file) {
+            fprintf(file, "P4\n%d %d\n", int(image.width), int(image.height));
+            written = fwrite(rows.data(), 1, rows.size(), file) == rows.size();
+            written = fclose(file) == 0 && written;
+        }
+    }
+    if (!written) fprintf(stderr, "tolimage: cannot write %s\n", out);
     return written ? 0 : 1;
 }
 

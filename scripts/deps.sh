@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # Installs what the build needs, from Debian's packages, when it is missing.
-#   deps.sh            compiler, CMake, GoogleTest
+#   deps.sh            compiler, CMake, GoogleTest, libpng, and NumPy, Pillow and
+#                      pytest for the Python package
 #   deps.sh fuzz       and clang with its libFuzzer runtime, and libtiff (the differential target's peer)
 #   deps.sh bench      and Google Benchmark with libtiff (the peer measured)
 #   deps.sh package    and dpkg-dev, for cpack's Debian package
 #   deps.sh windows    and mingw-w64, wine64, GoogleTest's sources, and LLVM's dlltool, clang-cl
 #                      and lld-link for the Microsoft import library and its test
 set -euo pipefail
-packages=(cmake make g++ libgtest-dev binutils pkg-config)
+packages=(cmake make g++ libgtest-dev binutils pkg-config libpng-dev python3-numpy python3-pil python3-pytest python3-setuptools)
 recommends=""  # Wine recommends a desktop's worth of packages it does not need here
 for extra in "$@"; do
   case "$extra" in

@@ -30,6 +30,10 @@ expect 0 "$tool" convert "$samples/sample.bmp" "$out/sample.pbm"
 [ "$(head -c 11 "$out/sample.pbm")" = "$(printf 'P4\n480 200\n')" ] || { echo "FAIL: PBM header"; fail=1; }
 [ "$(stat -c %s "$out/sample.pbm")" = $((11 + 60 * 200)) ] || { echo "FAIL: PBM size"; fail=1; }
 
+# An output type the tool does not write is bad usage, found before the file is read.
+expect 2 "$tool" convert "$samples/sample.bmp" "$out/sample.jpg"
+grep -q "sample.jpg: unknown output type" "$out/stderr" && [ ! -e "$out/sample.jpg" ] || { echo "FAIL: .jpg output"; fail=1; }
+
 expect 0 "$tool" convert "$fixtures/bmp/magick_4bit.bmp" "$out/colours.ppm"
 cmp -s "$out/colours.ppm" "$fixtures/bmp/src/colours.ppm" || { echo "FAIL: PPM differs from its source"; fail=1; }
 
