@@ -309,7 +309,8 @@ int main(int argc, char **argv) {
                 if (only && !std::strstr((std::string(",") + only + ",").c_str(), name.c_str())) continue;
                 if (!page.codings.empty() && (std::string(",") + page.codings + ",").find(name) == std::string::npos)
                     continue;
-                const std::string path = std::string(folder) + "/" + page.name + "-" + coding.name + ".tif";
+                const std::string path =
+                    std::string(folder) + "/" + page.name + "-" + coding.name + (oneStrip ? "-1strip" : "") + ".tif";
                 if (!WritePage(page, coding, oneStrip, path)) return 1;
                 if (!TolImageLoad(path)) {
                     std::fprintf(stderr, "TL_IMAGE_E gave no image for %s\n", path.c_str());

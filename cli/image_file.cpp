@@ -132,14 +132,14 @@ OutputKind OutputKindOf(const std::string &path) {
         return OutputKind::Netpbm;
     std::string extension = path.substr(dot + 1);
     for (char &c : extension) c = char(tolower(static_cast<unsigned char>(c)));
-    if (extension == "pbm" || extension == "ppm") return OutputKind::Netpbm;
+    if (extension == "pbm" || extension == "ppm" || extension == "pnm") return OutputKind::Netpbm;
     return extension == "png" ? OutputKind::Png : OutputKind::Unknown;
 }
 
 bool UsableOutput(const std::string &path) {
     OutputKind kind = OutputKindOf(path);
     if (kind == OutputKind::Unknown)
-        fprintf(stderr, "tolimage: %s: unknown output type (.pbm, .ppm or .png)\n", path.c_str());
+        fprintf(stderr, "tolimage: %s: unknown output type (.pbm, .ppm, .pnm or .png)\n", path.c_str());
     else if (kind == OutputKind::Png && !CanWritePng())
         fprintf(stderr, "tolimage: %s: this build of the tool writes no PNG\n", path.c_str());
     else

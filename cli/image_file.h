@@ -47,7 +47,7 @@ void PixelColour(const Bitmap &bitmap, int32_t x, int32_t y, uint8_t rgb[3]);
 // out as a PPM of hundreds of gigabytes.
 bool CanWrite(const Bitmap &bitmap);
 
-// What an output name's extension asks for: ".pbm" and ".ppm" (or no
+// What an output name's extension asks for: ".pbm", ".ppm", ".pnm" (or no
 // extension) the netpbm output, ".png" PNG; any other extension is refused
 // before a file is read.
 enum class OutputKind { Netpbm, Png, Unknown };

@@ -1,7 +1,7 @@
 // tolimage - look at what the TolImage library makes of image files.
 //
 //   tolimage info FILE...       format, size, depth, colours, resolution
-//   tolimage convert FILE OUT   OUT.png as PNG; OUT.pbm/.ppm: a 1-bit image as
+//   tolimage convert FILE OUT   OUT.png as PNG; OUT.pbm/.ppm/.pnm: a 1-bit image as
 //                               PBM, any other as PPM
 //   tolimage convert FILE OUT --all
 //                               every image of a multi-image (RAS) file, to
@@ -38,7 +38,7 @@ constexpr Command Commands[] = {
     {"convert", "convert FILE OUT [--all]",
      "Writes the image as PNG when OUT ends in .png: a 1-bit image as 1-bit grey\n"
      "(dark pixels black), 4 and 8 bits with their palette, the resolution kept.\n"
-     "Otherwise (.pbm, .ppm or no extension) as PBM (a 1-bit image, dark pixels\n"
+     "Otherwise (.pbm, .ppm, .pnm or no extension) as PBM (a 1-bit image, dark pixels\n"
      "set) or PPM (any other).\n"
      "With --all, every image of a multi-image RAS file, to OUT with -0, -1, ...\n"
      "before the extension.\n"},
