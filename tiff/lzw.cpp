@@ -4,11 +4,15 @@
 // link to the string without it.  Each entry also remembers where its
 // string stands whole in the rows already written: a new string is the
 // previous code's string, just written, and one byte more, so a string is
-// written again with one copy of that span and its last byte.  Only a string
-// that is in no one piece (it crossed the end of a row) is written from its
-// tail by walking the links.  A string that does not fit the rest of a row
-// is delivered in parts: its head ends this row and `restart` remembers how
-// much of it is delivered.
+// written again with one copy of that span and its last byte.  A string
+// that ran over the end of a row stands in pieces, the first at the end of
+// its row, the others at the start of the rows after it; the rows of a strip
+// come one after another at one distance (the bitmap's rows), so the pieces
+// are found from where the string begins, which the state keeps for its
+// entry.  Only a string of which that is not known (its rows were not at one
+// distance) is written from its tail by walking the links.  A string that
+// does not fit the rest of a row is delivered in parts: its head ends this
+// row and `restart` remembers how much of it is delivered.
 
 #include "tiff/lzw.h"
 
@@ -39,7 +43,19 @@ struct LzwState {
     MemoryBlock tableBlock;
     const uint8_t *inputEnd;   // end of the strip's bytes: the decoder reads nothing behind it
     uintptr_t readLimit;       // end of the highest row of the strip delivered so far; 0 at its start
+    const uint8_t *lastRow;    // the row delivered last in the strip; null before its first
+    intptr_t rowStep;          // from one row's start to the next one's; 0 until two rows are seen
+    bool rowsInStep;           // every row of the strip so far came rowStep after the one before
+    const uint8_t *carryWhere; // the last code's string when it ended its row or ran over the end; else null
+    uint32_t carryHead;        // its bytes from there to the end of that row
+    uint32_t rowBytes;         // bytes of the row under decoding
+    LzwEntry *firstMade;       // the entry the row's first code makes
+    bool clearedInRow;         // a CLEAR came in the row under decoding
 };
+
+// The start of the string of an entry that stands in pieces (a head): read
+// only for such an entry, so it needs no clearing.
+const uint8_t *SplitWhere[LzwTableSize];
 
 // The state's block; a null pointer says that no state exists.
 MemoryBlock LzwStateBlock{};
@@ -51,26 +67,52 @@ void ReportRow(const char *format) {
     ReportError(TiffReadTitle, TiffImage.messageBuffer, 0);
 }
 
+// Copies bytes [from, from + n) of the string of `e`, which stands in
+// pieces: its head at SplitWhere to the end of its row, its rest at the
+// start of the rows after.  Out of line: the decoder's loop keeps its
+// registers for the common strings.
+__attribute__((noinline)) void CopyPieces(uint8_t *out, const LzwEntry *e, const LzwEntry *table, uint32_t from,
+                                          uint32_t n) {
+    const LzwState *s = State();
+    const uint8_t *piece = SplitWhere[e - table];
+    uint32_t pieceBytes = e->head;
+    while (from >= pieceBytes) {
+        from -= pieceBytes;
+        piece = piece + pieceBytes - s->rowBytes + s->rowStep;
+        pieceBytes = s->rowBytes;
+    }
+    piece += from;
+    pieceBytes -= from;
+    while (n > 0) {
+        const uint32_t take = n < pieceBytes ? n : pieceBytes;
+        CopySpan(out, piece, take);
+        out += take;
+        n -= take;
+        piece = piece + pieceBytes - s->rowBytes + s->rowStep;
+        pieceBytes = s->rowBytes;
+    }
+}
+
 // Writes bytes [from, from + n) of the string of `e` to `out`; false when
 // its chain ends early, which no table built here gives.
 //
-// A string that stands whole in the rows written is copied from there.  Its
-// last byte is there too, but for an entry made by the very code being
-// written (`fresh`): that byte is the one at `out`, so it comes from
-// `value`.  A string in no one piece (it crossed a row's end) is written
-// from its tail along its chain, but only down to the first shorter string
-// of the chain that stands whole somewhere, whose bytes begin this one: that
-// is usually one link.  When the whole string goes into this row, it stands
-// whole from now on.
+// A string that stands whole in the rows written, or in pieces from the end
+// of a row on, is copied from there.  Its last byte is there too, but for an
+// entry made by the very code being written (`fresh`): that byte is the one
+// at `out`, so it comes from `value`.  Any other string is written from its
+// tail along its chain, but only down to the first shorter string of the
+// chain that stands somewhere, whose bytes begin this one: that is usually
+// one link.  When the whole string goes into this row, it stands whole from
+// now on.
 inline bool WritePart(LzwEntry *table, LzwEntry *e, uint32_t from, uint32_t n, uint8_t *out, bool fresh) {
     const uint32_t stop = from + n;
-    if (e->where != nullptr) {
-        if (fresh && stop == e->length) {
-            CopySpan(out, e->where + from, n - 1);
-            out[n - 1] = e->value;
-        } else {
-            CopySpan(out, e->where + from, n);
-        }
+    if (e->where != nullptr || e->head != 0) {
+        const uint32_t copied = fresh && stop == e->length ? n - 1 : n;
+        if (e->where != nullptr)
+            CopySpan(out, e->where + from, copied);
+        else
+            CopyPieces(out, e, table, from, copied);
+        if (copied < n) out[n - 1] = e->value;
         return true;
     }
     uint8_t *const base = out - from;  // where byte 0 of the string would go
@@ -79,9 +121,12 @@ inline bool WritePart(LzwEntry *table, LzwEntry *e, uint32_t from, uint32_t n, u
     while (link != nullptr && low > from) {
         const uint32_t length = link->length;
         if (length <= from) return false;  // the chain's lengths do not step down one by one
-        if (link->where != nullptr) {
+        if (link->where != nullptr || link->head != 0) {
             const uint32_t end = length < low ? length : low;
-            if (end > from) CopySpan(out, link->where + from, end - from);
+            if (end > from && link->where != nullptr)
+                CopySpan(out, link->where + from, end - from);
+            else if (end > from)
+                CopyPieces(out, link, table, from, end - from);
             low = from;
             break;
         }
@@ -118,6 +163,7 @@ int32_t LzwStartStrip() {
             s->table[i].firstChar = uint8_t(i);
             s->table[i].length = 1;
             s->table[i].prefix = LzwNoPrefix;
+            s->table[i].head = 0;
             s->table[i].where = nullptr;
         }
     }
@@ -137,6 +183,10 @@ int32_t LzwStartStrip() {
     s->oldEntry = nullptr;
     s->inputEnd = t.rawCursor + (t.rawLeft > 0 ? t.rawLeft : 0);
     s->readLimit = 0;
+    s->lastRow = nullptr;
+    s->rowStep = 0;
+    s->rowsInStep = true;
+    s->carryWhere = nullptr;
     return 1;
 }
 
@@ -164,13 +214,25 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
     const uintptr_t rowEnd = reinterpret_cast<uintptr_t>(row) + uint32_t(left);
     if (rowEnd > s->readLimit) s->readLimit = rowEnd;
     const uintptr_t readLimit = s->readLimit;
+    // The rows of the strip so far, one rowStep after another?  A row that
+    // is not (it never is in a bitmap) leaves strings that ran over a row's
+    // end to the links, for the rest of the strip.
+    if (s->lastRow != nullptr) {
+        const intptr_t step = row - s->lastRow;
+        if (s->rowStep == 0) s->rowStep = step;
+        const uintptr_t apart = uintptr_t(step < 0 ? -step : step);
+        if (step != s->rowStep || apart < uint32_t(left)) s->rowsInStep = false;
+    }
+    s->lastRow = row;
+    s->rowBytes = uint32_t(left);
 
     // The tail of a string begun in an earlier row.
     if (s->restart != 0) {
         LzwEntry *e = s->restartEntry;
         const uint32_t rest = e->length - s->restart;
         const uint32_t part = rest < uint32_t(left) ? rest : uint32_t(left);
-        if (!WritePart(s->table, e, s->restart, part, out, false) && !TiffImage.rowsZeroed) std::memset(out, 0, part);
+        if (!WritePart(s->table, e, s->restart, part, out, false) && !TiffImage.rowsZeroed)
+            std::memset(out, 0, part);
         out += part;
         left -= int32_t(part);
         if (part < rest) {
@@ -180,6 +242,12 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         }
         s->restart = 0;
     }
+    // The string that ended the row before or ran over its end: the entry
+    // the first code of this row makes is it and one byte more, in pieces.
+    // Kept in the state, out of the registers of the loop below.
+    if (!s->rowsInStep) s->carryWhere = nullptr;
+    s->firstMade = s->freeEntry;
+    s->clearedInRow = false;
 
     auto &t = TiffImage;
     const uint8_t *in = t.rawCursor;
@@ -228,6 +296,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         uint32_t code;
         if (!nextCode(code) || code == LzwCodeEoi) break;
         if (code == LzwCodeClear) {
+            s->clearedInRow = true;
             freeEntry = table + LzwFirstFree;
             codeWidth = MinCodeWidth;
             maxEntry = table + (1u << MinCodeWidth) - 2;
@@ -270,6 +339,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         // The previous string, whole before `out`, and the first byte of
         // this one, which goes to `out` in this row.
         freeEntry->where = previous;
+        freeEntry->head = 0;
         if (++freeEntry > maxEntry) {
             // One code early, as TIFF writers do: 10 bits once entry 510 is
             // filled, 11 after 1022, 12 after 2046.
@@ -326,7 +396,6 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
             continue;
         }
         // The string does not fit the row: its head ends this row.
-        previous = nullptr;
         s->restartEntry = e;
         s->restart = uint32_t(left);
         if (!WritePart(table, e, 0, uint32_t(left), out, fresh)) {
@@ -337,6 +406,22 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         break;
     }
 
+    // The entry the row's first code made, from the string carried over:
+    // where its pieces are, unless a CLEAR made it anew since.
+    LzwEntry *const firstMade = s->firstMade;
+    const bool madeInRow = !s->clearedInRow && firstMade < freeEntry;
+    if (s->carryWhere != nullptr && madeInRow && firstMade->where == nullptr && s->carryHead < firstMade->length) {
+        firstMade->head = uint16_t(s->carryHead);
+        SplitWhere[firstMade - table] = s->carryWhere;
+    }
+    // The string that ends this row or runs over its end, for the next; the
+    // carried one still, when it filled this row and goes on.
+    if (left == 0 && previous != nullptr) {
+        s->carryWhere = previous;
+        s->carryHead = uint32_t(row + count - previous);
+    } else if (left != 0 || madeInRow || s->clearedInRow) {
+        s->carryWhere = nullptr;
+    }
     t.rawCursor = in;
     s->nextData = nextData;
     s->nextBits = nextBits;

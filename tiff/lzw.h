@@ -9,11 +9,15 @@
 
 // One string of the LZW table, stored as a link to the string without its
 // last byte, and where the string already stands whole in the rows of the
-// strip, so that it can be written again with one copy.
+// strip, so that it can be written again with one copy.  A string that ran
+// over the end of a row stands in pieces: `head` bytes to the end of the
+// row it begins in (where the decoder's state keeps its start), the rest at
+// the start of the rows after it.
 struct LzwEntry {
     const uint8_t *where;  // its bytes in an earlier row or earlier in this one; null when in no one piece
     uint16_t prefix;       // entry of the string without its last byte; LzwNoPrefix for one byte
     uint16_t length;       // bytes of the whole string
+    uint16_t head;         // with no `where`: its bytes in the row it begins in, 0 when not known
     uint8_t value;         // its last byte
     uint8_t firstChar;     // its first byte
 };
