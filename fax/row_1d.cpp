@@ -156,6 +156,37 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges1DLocal(Fax
                     }
                 }
             }
+            // A short white run and a longer black one, whose codes are too
+            // long together for the pair table, as the black background of a
+            // dark page gives: the white code, then the black one (a make-up
+            // code and a terminating code from 64 pixels on), each looked up
+            // on its own, all taken together.
+            const uint32_t lone = FaxRunFirst[w.acc >> 56];
+            const uint32_t whiteBits = lone & 15u;
+            if (whiteBits != 0 && (lone >> 4) < 64) {
+                const uint64_t rest = w.acc << whiteBits;
+                uint32_t black = FaxRunFirst[256 + (rest >> 56)];
+                if ((black & 15u) == 0) black = FaxRunLong[8192 + (rest >> 51)];
+                uint32_t n = whiteBits + (black & 15u);
+                uint32_t run = black >> 4;
+                bool known = (black & 15u) != 0;
+                if (known && run >= 64) {
+                    const uint64_t after = rest << (black & 15u);
+                    uint32_t term = FaxRunFirst[256 + (after >> 56)];
+                    if ((term & 15u) == 0) term = FaxRunLong[8192 + (after >> 51)];
+                    known = (term & 15u) != 0 && (term >> 4) < 64;
+                    n += term & 15u;
+                    run += term >> 4;
+                }
+                if (known && int32_t(n) <= w.nb && int32_t((lone >> 4) + run) < width - pos) {
+                    FaxWindowTake(w, n);
+                    pos += int32_t(lone >> 4);
+                    end = FaxPushChange(end, pos);
+                    pos += int32_t(run);
+                    end = FaxPushChange(end, pos);
+                    continue;
+                }
+            }
         }
         run = FaxRun1D(w, bits, 0);
         if (run < 0) break;
