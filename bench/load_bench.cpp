@@ -25,6 +25,7 @@
 #include <cmath>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -281,8 +282,13 @@ int main(int argc, char **argv) {
     const double seconds = (argc > 2 ? std::max(1, std::atoi(argv[2])) : 150) / 1000.0;
     TIFFSetWarningHandler(nullptr);
     ERROR_FLAGS_E(1, 0, 0, nullptr);
-    char folder[] = "/tmp/tolimage-bench-XXXXXX";
-    if (!mkdtemp(folder)) return 1;
+    // TL_BENCH_KEEP keeps the pages written: in the folder it names, if it
+    // names one, else in the temporary folder.
+    const char *keep = std::getenv("TL_BENCH_KEEP");
+    char temporary[] = "/tmp/tolimage-bench-XXXXXX";
+    const bool keepHere = keep && std::filesystem::is_directory(keep);
+    if (!keepHere && !mkdtemp(temporary)) return 1;
+    const std::string folder = keepHere ? keep : temporary;
     std::vector<Page> pages(1);
     pages[0].name = "a4-text";
     if (!ReadPage(std::string(TL_BENCH_DATA) + "/a4-text.tif", pages[0])) {
@@ -310,7 +316,7 @@ int main(int argc, char **argv) {
                 if (!page.codings.empty() && (std::string(",") + page.codings + ",").find(name) == std::string::npos)
                     continue;
                 const std::string path =
-                    std::string(folder) + "/" + page.name + "-" + coding.name + (oneStrip ? "-1strip" : "") + ".tif";
+                    folder + "/" + page.name + "-" + coding.name + (oneStrip ? "-1strip" : "") + ".tif";
                 if (!WritePage(page, coding, oneStrip, path)) return 1;
                 if (!TolImageLoad(path)) {
                     std::fprintf(stderr, "TL_IMAGE_E gave no image for %s\n", path.c_str());
@@ -334,7 +340,7 @@ int main(int argc, char **argv) {
                             coding.name, strips, size / 1024, ours.wall * 1e3, theirs.wall * 1e3, ours.cpu * 1e3,
                             theirs.cpu * 1e3, theirs.wall / ours.wall, theirs.cpu / ours.cpu, perChange);
                 std::fflush(stdout);
-                if (!std::getenv("TL_BENCH_KEEP")) std::remove(path.c_str());
+                if (!keep) std::remove(path.c_str());
             }
         Times floor;
         for (int r = 0; r < rounds; ++r) Round([&] { FloorLoad(page); }, seconds, floor);
@@ -343,6 +349,6 @@ int main(int argc, char **argv) {
         std::printf("  (%s: %u x %u, %llu changing elements)\n", page.name.c_str(), page.width, page.height,
                     static_cast<unsigned long long>(page.changes));
     }
-    std::remove(folder);
+    if (!keepHere) std::remove(folder.c_str());
     return 0;
 }
