@@ -186,6 +186,14 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges1DLocal(Fax
                     end = FaxPushChange(end, pos);
                     continue;
                 }
+                // The black run that ends the row (all of it, on a dark
+                // page's blank rows): rowFull closes it at the width.
+                if (known && int32_t(n) <= w.nb && int32_t(lone >> 4) < width - pos) {
+                    FaxWindowTake(w, n);
+                    pos += int32_t(lone >> 4);
+                    end = FaxPushChange(end, pos);
+                    return rowFull();
+                }
             }
         }
         run = FaxRun1D(w, bits, 0);
