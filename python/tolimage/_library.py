@@ -132,7 +132,9 @@ def take_block(handle, read, extra_unlocks=0):
     whatever read() did."""
     address = GlobalLock(handle)
     try:
-        return read(address) if address else None
+        if not address:
+            raise MemoryError("tolimage: a block the library gave could not be locked")
+        return read(address)
     finally:
         for _ in range(1 + extra_unlocks):
             GlobalUnlock(handle)
