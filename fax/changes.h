@@ -68,6 +68,9 @@ inline void FaxCloseChanges(int32_t *end, const int32_t *begin, int32_t x, int32
     for (uint32_t i = 0; i < FaxChangesSentinels; ++i) end[i] = width;
 }
 
+// Changes from which a row is written by parity (FaxRenderByParity).
+constexpr int32_t FaxParityFrom = 32;
+
 // Stores the 64 pixels of word (first pixel in the top bit) at p.
 inline void FaxStore64(uint8_t *p, uint64_t word) {
     if constexpr (std::endian::native == std::endian::little) word = __builtin_bswap64(word);
@@ -81,10 +84,58 @@ inline void FaxStore64(uint8_t *p, uint64_t word) {
 // only written, never read back, so that no load waits for a store.  The
 // bytes behind the last whole word are gathered in the same way and copied
 // at the end.
+// The spans of a list of many changes, written into a cleared row by
+// parity: each change toggles its pixel, and a running XOR over the row,
+// within each 64-pixel word by shifts and from word to word by a carry,
+// makes every pixel black that has an odd number of changes at or before
+// it.  The cost goes with the words up to the last change, not the spans.
+inline void FaxRenderByParity(uint8_t *row, uint32_t rowBytes, const int32_t *changes, int32_t width) {
+    const int32_t *c = changes;
+    for (; c[0] < width; ++c) row[c[0] >> 3] ^= uint8_t(0x80u >> (c[0] & 7));
+    int32_t last = c == changes ? -1 : c[-1];
+    // A span still open ends at the width: its end is toggled too where the
+    // row has bits behind the width, so that they stay white.
+    if ((c - changes) & 1) {
+        if (uint32_t(width) < rowBytes * 8) row[width >> 3] ^= uint8_t(0x80u >> (width & 7));
+        last = uint32_t(width) < rowBytes * 8 ? width : width - 1;
+    }
+    if (last < 0) return;
+    const uint32_t lastByte = uint32_t(last) >> 3;
+    uint64_t carry = 0;  // all ones where the colour coming into a word is black
+    uint32_t i = 0;
+    for (; i + 8 <= rowBytes && i <= lastByte; i += 8) {
+        uint64_t x;
+        std::memcpy(&x, row + i, 8);
+        if constexpr (std::endian::native == std::endian::little) x = __builtin_bswap64(x);
+        x ^= x >> 1;
+        x ^= x >> 2;
+        x ^= x >> 4;
+        x ^= x >> 8;
+        x ^= x >> 16;
+        x ^= x >> 32;
+        x ^= carry;
+        carry = 0 - (x & 1);
+        FaxStore64(row + i, x);
+    }
+    for (; i < rowBytes && i <= lastByte; ++i) {
+        uint32_t b = row[i];
+        b ^= b >> 1;
+        b ^= b >> 2;
+        b ^= b >> 4;
+        b ^= uint32_t(carry) & 0xFFu;
+        carry = 0 - uint64_t(b & 1);
+        row[i] = uint8_t(b);
+    }
+}
+
 inline void FaxRenderChanges(uint8_t *row, uint32_t rowBytes, const int32_t *changes, int32_t width,
                              bool cleared = false) {
     const uint32_t whole = rowBytes >> 3;
     if (!cleared) std::memset(row, 0, rowBytes);
+    // A row of many spans (text) by parity; a few spans one by one.
+    int32_t many = 0;
+    while (many < FaxParityFrom && changes[many] < width) ++many;
+    if (many == FaxParityFrom) return FaxRenderByParity(row, rowBytes, changes, width);
     uint32_t current = 0;  // the word whose pixels acc holds
     uint64_t acc = 0;
     uint64_t tail = 0;  // the pixels of word `whole`
