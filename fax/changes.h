@@ -63,12 +63,16 @@ inline int32_t *FaxPushChange(int32_t *end, int32_t x) {
 // Closes a row that stopped at pixel x: a black span left open ends there,
 // as the bitmap decoder writes black pixels only up to a0.  Then the
 // sentinels.  x is at or behind the last change and at most width.
+// The changes of the list closed last, for the writer of its row.
+inline int32_t FaxClosedSize = 0;
+
 inline void FaxCloseChanges(int32_t *end, const int32_t *begin, int32_t x, int32_t width) {
     if ((end - begin) & 1) end = FaxPushChange(end, x);
     for (uint32_t i = 0; i < FaxChangesSentinels; ++i) end[i] = width;
+    FaxClosedSize = int32_t(end - begin);
 }
 
-// Changes from which a row is written by parity (FaxRenderByParity).
+// Changes from which a dense row is written by parity (FaxRenderByParity).
 constexpr int32_t FaxParityFrom = 32;
 
 // Stores the 64 pixels of word (first pixel in the top bit) at p.
@@ -129,13 +133,13 @@ inline void FaxRenderByParity(uint8_t *row, uint32_t rowBytes, const int32_t *ch
 }
 
 inline void FaxRenderChanges(uint8_t *row, uint32_t rowBytes, const int32_t *changes, int32_t width,
-                             bool cleared = false) {
+                             bool cleared = false, int32_t count = 0) {
     const uint32_t whole = rowBytes >> 3;
     if (!cleared) std::memset(row, 0, rowBytes);
-    // A row of many spans (text) by parity; a few spans one by one.
-    int32_t many = 0;
-    while (many < FaxParityFrom && changes[many] < width) ++many;
-    if (many == FaxParityFrom) return FaxRenderByParity(row, rowBytes, changes, width);
+    // A row dense with changes (text: two or more a 64-pixel word up to its
+    // last change), when its count is known, by parity; else span by span.
+    if (count >= FaxParityFrom && count >= 3 * ((changes[count - 1] >> 6) + 1))
+        return FaxRenderByParity(row, rowBytes, changes, width);
     uint32_t current = 0;  // the word whose pixels acc holds
     uint64_t acc = 0;
     uint64_t tail = 0;  // the pixels of word `whole`

@@ -37,7 +37,7 @@ int32_t FaxDecodeRowFrom(FaxBits &bits, uint8_t *row, bool twoDimensional) {
         const int32_t result = twoDimensional ? FaxDecodeChanges2D(bits, f.refChanges, f.curChanges, width)
                                               : FaxDecodeChanges1D(bits, f.curChanges, width);
         if (result != FaxRowToBitmap) {
-            FaxRenderChanges(row, f.rowBytes, f.curChanges, width, TiffImage.rowsZeroed);
+            FaxRenderChanges(row, f.rowBytes, f.curChanges, width, TiffImage.rowsZeroed, FaxClosedSize);
             return result;
         }
         // Again from the row's start, into the bitmap against refLine.
