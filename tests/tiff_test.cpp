@@ -112,34 +112,58 @@ TEST(TiffLines, StripBufferSkipsRestartsAndFillOrder) {
 
 // Strips decoded where the file's read window has them, in a file several
 // windows long: strips that cross a window's end, and strips stored in the
-// reverse order, read by seeking back.  Each row comes out as stored.
+// reverse order, read by seeking back.  One strip of all rows, larger than
+// the window, streamed through it a piece at a time, also cut short by the
+// file, and read line by line out of order.  Each row comes out as stored,
+// or zero behind the file's end.
 TEST(TiffReader, StripsReadInPlaceAcrossWindowsAndSeeks) {
     test::QuietDefaults();
     test::LeakGuard guard;
     const uint32_t width = 8192, rowsPerStrip = 7, strips = 90, stripBytes = 1024 * rowsPerStrip;
     const uint32_t height = rowsPerStrip * strips;
     std::vector<Bytes> data(strips);
+    Bytes joined;
     uint32_t seed = 1;
-    for (auto &strip : data)
+    for (auto &strip : data) {
         for (uint32_t i = 0; i < stripBytes; ++i) strip.push_back(uint8_t((seed = seed * 1103515245u + 12345u) >> 16));
-    for (bool reversed : {false, true}) {
-        SCOPED_TRACE(reversed ? "stored in reverse" : "stored in order");
-        TiffBuilder b = Bilevel(width, height, 1, data, rowsPerStrip).Short(262, 0);
-        if (reversed) {
+        joined.insert(joined.end(), strip.begin(), strip.end());
+    }
+    for (int variant = 0; variant < 4; ++variant) {
+        SCOPED_TRACE(variant);
+        // The last variant's strip claims all rows and the file ends inside a row: its rows are the file's
+        // bytes from the strip's offset on (the directory's too), zero behind the file's end.
+        const Bytes part(joined.begin(), joined.begin() + long(joined.size() / 2 + 100));
+        TiffBuilder b = variant < 2    ? Bilevel(width, height, 1, data, rowsPerStrip).Short(262, 0)
+                        : variant == 2 ? Bilevel(width, height, 1, {joined}, height).Short(262, 0)
+                                       : Bilevel(width, height, 1, {part}, height).Short(262, 0).Long(279, joined.size());
+        if (variant == 1) {  // stored in reverse
             b.strips.assign(data.rbegin(), data.rend());
             std::vector<uint32_t> offsets;
             for (uint32_t k = 0; k < strips; ++k) offsets.push_back(8 + (strips - 1 - k) * stripBytes);
             b.Longs(273, offsets);
         }
-        const Bytes bits = LoadBytes(Write(b));
+        const Bytes file = b.Build();
+        const Bytes bits = LoadBytes(test::WriteTemp("t.tif", file));
         ASSERT_EQ(bits.size(), 48 + size_t(height) * 1024);
         for (uint32_t row = 0; row < height; ++row) {
-            const Bytes &strip = data[row / rowsPerStrip];
-            const auto from = strip.begin() + long(row % rowsPerStrip) * 1024;
-            const auto at = bits.begin() + 48 + long(height - 1 - row) * 1024;
-            ASSERT_TRUE(std::equal(from, from + 1024, at)) << "row " << row;
+            Bytes expected(joined.begin() + long(row) * 1024, joined.begin() + long(row + 1) * 1024);
+            for (size_t i = 0; variant == 3 && i < 1024; ++i) {
+                const size_t place = 8 + size_t(row) * 1024 + i;
+                expected[i] = place < file.size() ? file[place] : 0;
+            }
+            ASSERT_TRUE(std::equal(expected.begin(), expected.end(), bits.begin() + 48 + long(height - 1 - row) * 1024))
+                << "row " << row;
         }
     }
+    // Streamed lines out of order: forward across pieces, back to the strip's start.
+    ASSERT_EQ(Open(Bilevel(width, height, 1, {joined}, height).Short(262, 0)), 1);
+    Bytes row(1024);
+    for (uint32_t line : {500u, 3u, 629u, 64u}) {
+        ASSERT_NE(TIFFDecodeLine(row.data(), line), 0);
+        EXPECT_TRUE(std::equal(row.begin(), row.end(), joined.begin() + long(line) * 1024)) << line;
+    }
+    EXPECT_EQ(TiffImage.stripBuffer.handle, 0u) << "streamed, no strip buffer";
+    TiffClose();
     EXPECT_TRUE(guard.Same());
 }
 

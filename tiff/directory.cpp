@@ -221,6 +221,8 @@ int32_t TiffOpen(const char *name) {
     }
     t.stripBuffer = MemoryBlock{};
     t.rawCursor = t.rawStart = nullptr;
+    t.rawStreamed = false;
+    t.rawStreamLeft = 0;
     t.stripBufferSize = 0;
     if (!TiffReadDirectory()) {
         TiffClose();

@@ -75,6 +75,8 @@ struct TiffImageRecord {
     const uint8_t *rawHeldEnd; // behind the strip's bytes that the file held (uncompressed strips)
     uint32_t fileLength;       // the file's length at TiffOpen
     int64_t stripReadEnd;      // file position behind the last strip read; -1 when unknown
+    bool rawStreamed;          // the strip comes from the file's read window a piece at a time (uncompressed)
+    uint32_t rawStreamLeft;    // a streamed strip's held bytes still in the file, behind rawHeldEnd
     char messageBuffer[128];   // every formatted message of the TIFF reader
 };
 

@@ -83,7 +83,8 @@ int32_t SeekToLine(uint32_t line) {
     if (strip != t.currentStrip) {
         if (!LoadStrip(strip)) return 0;
     } else if (line < t.currentRow) {
-        if (!StartStrip(strip)) return 0;
+        // A streamed strip has given up its first rows: it is read again.
+        if (!(t.rawStreamed ? LoadStrip(strip) : StartStrip(strip))) return 0;
     }
     if (t.compression == TiffCompressionNone && line != t.currentRow) {
         // Skipping rows of an uncompressed strip.  A skip past the strip's
@@ -91,9 +92,15 @@ int32_t SeekToLine(uint32_t line) {
         // CopyLine then finds too few bytes and reports.
         const uint64_t delta = uint64_t(line - t.currentRow) * t.scanlineSize;
         const uint64_t left = t.rawLeft > 0 ? uint64_t(t.rawLeft) : 0;
-        const uint64_t step = delta < left ? delta : left;
-        const uint64_t held = t.rawHeldEnd > t.rawCursor ? uint64_t(t.rawHeldEnd - t.rawCursor) : 0;
-        t.rawCursor += step < held ? step : held;
+        uint64_t step = delta < left ? delta : left;
+        // A streamed strip moves on piece by piece.
+        for (;;) {
+            const uint64_t held = t.rawHeldEnd > t.rawCursor ? uint64_t(t.rawHeldEnd - t.rawCursor) : 0;
+            const uint64_t taken = step < held ? step : held;
+            t.rawCursor += taken;
+            step -= taken;
+            if (t.rawCursor != t.rawHeldEnd || t.rawStreamLeft == 0 || !NextStreamPiece() || step == 0) break;
+        }
         t.rawLeft = delta < left ? int32_t(left - delta) : 0;
         t.currentRow = line;
     }
@@ -122,6 +129,8 @@ int32_t LoadStrip(uint32_t strip) {
     }
     // No strip is loaded while this one is read: a failed read leaves none.
     t.currentStrip = TiffNoStrip;
+    t.rawStreamed = false;
+    t.rawStreamLeft = 0;
     // The strips of an image that StripsReadInPlace accepts are decoded
     // where the file's read window has them, with no copy: nothing touches
     // the file until the strip is done.  One the window cannot give (larger
@@ -133,6 +142,20 @@ int32_t LoadStrip(uint32_t strip) {
             t.stripReadEnd = int64_t(offset) + count;
             t.rawStart = bytes;
             t.rawHeldEnd = bytes + count;
+            return StartStrip(strip);
+        }
+    }
+    // An uncompressed strip larger than a piece is streamed through the
+    // window (uncompressed.h), with no strip buffer; one whose first piece
+    // the window cannot give is read as any other.
+    if (t.compression == TiffCompressionNone && t.stripsInPlace && uint32_t(held) > StreamPieceBytes &&
+        t.scanlineSize <= StreamPieceBytes) {
+        if (!SeekForStrip(offset)) return 0;
+        t.stripReadEnd = -1;  // the window reads ahead of the strip's end
+        t.rawStreamLeft = uint32_t(held);
+        if (NextStreamPiece()) {
+            t.rawStreamed = true;
+            t.rawStart = t.rawCursor;
             return StartStrip(strip);
         }
     }

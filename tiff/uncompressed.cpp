@@ -7,7 +7,25 @@
 
 #include "platform/win32.h"
 #include "services/errors.h"
+#include "services/files.h"
 #include "tiff/record.h"
+
+bool NextStreamPiece() {
+    auto &t = TiffImage;
+    const uint32_t rows = t.scanlineSize == 0 ? 1 : StreamPieceBytes / t.scanlineSize;
+    uint32_t bytes = (rows > 0 ? rows : 1) * t.scanlineSize;
+    if (bytes > t.rawStreamLeft) bytes = t.rawStreamLeft;
+    const uint8_t *piece = bytes > 0 ? ReadInPlace(t.tiffFile, bytes) : nullptr;
+    if (piece == nullptr) {
+        t.rawStreamLeft = 0;
+        t.rawHeldEnd = t.rawCursor;
+        return false;
+    }
+    t.rawCursor = piece;
+    t.rawHeldEnd = piece + bytes;
+    t.rawStreamLeft -= bytes;
+    return true;
+}
 
 int32_t CopyLine(uint8_t *row, int32_t count) {
     auto &t = TiffImage;
@@ -25,6 +43,7 @@ int32_t CopyLine(uint8_t *row, int32_t count) {
     if (!t.rowsZeroed && copied < count) std::memset(row + copied, 0, size_t(count - copied));
     t.rawCursor += copied;
     t.rawLeft -= count;
+    if (t.rawCursor == t.rawHeldEnd && t.rawStreamLeft > 0) NextStreamPiece();
     return 1;
 }
 
