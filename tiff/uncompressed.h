@@ -6,11 +6,12 @@
 
 #include <cstdint>
 
-// An uncompressed strip larger than the file's read window is not copied
-// into a strip buffer of its own size: it comes from the window a piece of
-// whole rows at a time (LoadStrip starts it), the next piece taken as soon
-// as the rows of one are used up, so that rawCursor stands at rawHeldEnd
-// only when the file holds no more of the strip.
+// An uncompressed strip longer than a piece that the file's read window
+// cannot give whole (larger than the window, or reaching past the file's
+// end) is not copied into a strip buffer of its own size: it comes from the
+// window a piece of whole rows at a time (LoadStrip starts it), the next
+// piece taken as soon as the rows of one are used up, so that rawCursor
+// stands at rawHeldEnd only when the file holds no more of the strip.
 // Pieces are at most this long; a row longer than a piece is never streamed.
 constexpr uint32_t StreamPieceBytes = 64 * 1024;
 // Takes the next piece of a streamed strip into [rawCursor, rawHeldEnd).
