@@ -178,21 +178,16 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges1DLocal(Fax
                     n += term & 15u;
                     run += term >> 4;
                 }
-                if (known && int32_t(n) <= w.nb && int32_t((lone >> 4) + run) < width - pos) {
-                    FaxWindowTake(w, n);
-                    pos += int32_t(lone >> 4);
-                    end = FaxPushChange(end, pos);
-                    pos += int32_t(run);
-                    end = FaxPushChange(end, pos);
-                    continue;
-                }
-                // The black run that ends the row (all of it, on a dark
-                // page's blank rows): rowFull closes it at the width.
                 if (known && int32_t(n) <= w.nb && int32_t(lone >> 4) < width - pos) {
                     FaxWindowTake(w, n);
                     pos += int32_t(lone >> 4);
                     end = FaxPushChange(end, pos);
-                    return rowFull();
+                    // A black run that reaches the width (all of a dark
+                    // page's blank rows) ends the row: rowFull closes it.
+                    if (int32_t(run) >= width - pos) return rowFull();
+                    pos += int32_t(run);
+                    end = FaxPushChange(end, pos);
+                    continue;
                 }
             }
         }
