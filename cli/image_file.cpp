@@ -125,11 +125,16 @@ bool IsDark(const Bitmap &bitmap, int32_t x, int32_t y) {
 
 bool CanWrite(const Bitmap &bitmap) { return bitmap.compression == 0 && bitmap.bits != 0; }
 
+size_t ExtensionDot(const std::string &path) {
+    const size_t slash = path.find_last_of('/');
+    const size_t dot = path.find_last_of('.');
+    const bool has = dot != std::string::npos && dot > 0 && (slash == std::string::npos || dot > slash + 1);
+    return has ? dot : std::string::npos;
+}
+
 OutputKind OutputKindOf(const std::string &path) {
-    size_t slash = path.find_last_of('/');
-    size_t dot = path.find_last_of('.');
-    if (dot == std::string::npos || dot == 0 || (slash != std::string::npos && dot <= slash + 1))
-        return OutputKind::Netpbm;
+    const size_t dot = ExtensionDot(path);
+    if (dot == std::string::npos) return OutputKind::Netpbm;
     std::string extension = path.substr(dot + 1);
     for (char &c : extension) c = char(tolower(static_cast<unsigned char>(c)));
     if (extension == "pbm" || extension == "ppm" || extension == "pnm") return OutputKind::Netpbm;

@@ -51,6 +51,9 @@ bool CanWrite(const Bitmap &bitmap);
 // extension) the netpbm output, ".png" PNG; any other extension is refused
 // before a file is read.
 enum class OutputKind { Netpbm, Png, Unknown };
+// Where the extension of a file name begins (its dot), or npos when the
+// last part of the name has none (a leading dot is no extension).
+size_t ExtensionDot(const std::string &path);
 OutputKind OutputKindOf(const std::string &path);
 
 // Checks an output name for a command: prints why it cannot be written

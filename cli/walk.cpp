@@ -35,9 +35,8 @@ bool StartAfresh(const std::string &file) {
 }  // namespace
 
 std::string NumberedName(const std::string &out, int32_t number) {
-    size_t slash = out.find_last_of('/');
-    size_t dot = out.find_last_of('.');
-    bool hasExtension = dot != std::string::npos && dot > 0 && (slash == std::string::npos || dot > slash + 1);
+    const size_t dot = ExtensionDot(out);
+    const bool hasExtension = dot != std::string::npos;
     std::string name = hasExtension ? out.substr(0, dot) : out;
     name += '-';
     name += std::to_string(number);
