@@ -16,6 +16,7 @@
 
 #include "tiff/lzw.h"
 
+#include <array>
 #include <bit>
 #include <cstring>
 
@@ -56,6 +57,15 @@ struct LzwState {
 // The start of the string of an entry that stands in pieces (a head): read
 // only for such an entry, so it needs no clearing.
 const uint8_t *SplitWhere[LzwTableSize];
+
+// The one-byte strings, each with the 63 bytes after it readable, so that
+// a literal code goes through the same 16- or 64-byte move as a string.
+constexpr auto MakeLiterals() {
+    std::array<uint8_t, 256 + 64> bytes{};
+    for (unsigned i = 0; i < 256; ++i) bytes[i] = uint8_t(i);
+    return bytes;
+}
+constexpr std::array<uint8_t, 256 + 64> Literals = MakeLiterals();
 
 // The state's block; a null pointer says that no state exists.
 MemoryBlock LzwStateBlock{};
@@ -164,7 +174,7 @@ int32_t LzwStartStrip() {
             s->table[i].length = 1;
             s->table[i].prefix = LzwNoPrefix;
             s->table[i].head = 0;
-            s->table[i].where = nullptr;
+            s->table[i].where = Literals.data() + i;
         }
     }
     LzwState *s = State();
@@ -335,7 +345,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         freeEntry->prefix = uint16_t(oldEntry - table);
         freeEntry->firstChar = oldEntry->firstChar;
         freeEntry->length = uint16_t(oldEntry->length + 1);
-        freeEntry->value = e < freeEntry ? e->firstChar : freeEntry->firstChar;
+        freeEntry->value = e->firstChar;  // the first byte just set, when e is this entry
         // The previous string, whole before `out`, and the first byte of
         // this one, which goes to `out` in this row.
         freeEntry->where = previous;
@@ -349,14 +359,14 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
         oldEntry = e;
 
         previous = out;
-        if (code < LzwCodeClear) {
-            *out++ = uint8_t(code);
-            --left;
-            continue;
-        }
+        // A literal takes the same moves as a string, from Literals: one
+        // branch less, where literals and strings alternate at random.  The
+        // readable span is measured back from readLimit, as an unsigned
+        // difference, which a row before readLimit bounds and the static
+        // table, wherever it lies, always passes (its 64 bytes are there).
         const int32_t length = e->length;
         const uint8_t *from = e->where;
-        if (from != nullptr && length <= 16 && left >= 16 && reinterpret_cast<uintptr_t>(from) + 16 <= readLimit) {
+        if (from != nullptr && length <= 16 && left >= 16 && readLimit - reinterpret_cast<uintptr_t>(from) >= 16) {
             // Most strings: one 16-byte move, read whole before it is
             // written, so that the span may run into `out`.  Its first
             // `length` bytes count; the rest lie inside this row, and the
@@ -371,7 +381,7 @@ int32_t LzwDecodeLine(uint8_t *row, int32_t count) {
             left -= length;
             continue;
         }
-        if (from != nullptr && length <= 64 && left >= 64 && reinterpret_cast<uintptr_t>(from) + 64 <= readLimit) {
+        if (from != nullptr && length <= 64 && left >= 64 && readLimit - reinterpret_cast<uintptr_t>(from) >= 64) {
             // The longer strings of blank stretches: the same with four
             // 16-byte moves, all read before any is written.
             const Bytes16 a = Load16(from), b = Load16(from + 16), c = Load16(from + 32), d = Load16(from + 48);

@@ -14,7 +14,7 @@
 // row it begins in (where the decoder's state keeps its start), the rest at
 // the start of the rows after it.
 struct LzwEntry {
-    const uint8_t *where;  // its bytes in an earlier row or earlier in this one; null when in no one piece
+    const uint8_t *where;  // its bytes in an earlier row, earlier in this one, or in a static table (one byte); null when in no one piece
     uint16_t prefix;       // entry of the string without its last byte; LzwNoPrefix for one byte
     uint16_t length;       // bytes of the whole string
     uint16_t head;         // with no `where`: its bytes in the row it begins in, 0 when not known
