@@ -1,8 +1,10 @@
 // row_drivers.cpp - the row drivers of the CCITT compressions: each row of
 // a strip decoded one- or two-dimensionally as its compression and tag bit
 // say, through a list of changes where the record has them, else into the
-// bitmap; the reference line moved on after it; and the rows that follow
-// in a strip decoded in one loop with the stream in registers.
+// bitmap; the reference line moved on after it; the rows that follow in a
+// strip decoded in one loop with the stream in registers; and, among rows
+// that are all one-dimensional, a row whose bits repeat the row before
+// given that row's changes without decoding it again.
 #include "fax/fax.h"
 
 #include <cstring>
@@ -29,15 +31,107 @@ bool FaxRowIsWhite(const uint8_t *row, uint32_t rowBytes) {
     return true;
 }
 
+// Where the stream stands, as the byte its next bit is in and the bits of
+// that byte before it; false for a state inside a begun code word, or one
+// whose byte in hand is not the one before the cursor (none is, but the
+// bits compared must be the ones the decoders would read).
+bool FaxStreamAt(const FaxBits &bits, const uint8_t *&at, uint32_t &shift) {
+    if (bits.position == 0) {
+        at = bits.cursor;
+        shift = 0;
+        return true;
+    }
+    if (bits.position > 7 || bits.cursor <= TiffImage.rawStart || bits.byteMap[bits.cursor[-1]] != bits.curByte)
+        return false;
+    at = bits.cursor - 1;
+    shift = uint32_t(bits.position);
+    return true;
+}
+
+// The 56 bits of the strip from bit `shift` of byte `at` on, in stream
+// order from the top; the 8 bytes from `at` are in the strip.
+inline uint64_t FaxStripBits(const uint8_t *at, uint32_t shift, bool reversed) {
+    uint64_t v;
+    std::memcpy(&v, at, 8);
+    if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap64(v);
+    if (reversed) v = FaxReverseBytes(v);
+    return (v << shift) & ~uint64_t(0xFF);
+}
+
+// Keeps the row just decoded from `start` to `bits` as the one a next row
+// may repeat, when both ends are states FaxStreamAt knows and the row took
+// a bit or more.
+void FaxKeepLastRow(FaxState &f, const FaxBits &start, const FaxBits &bits) {
+    const uint8_t *from, *to;
+    uint32_t fromShift, toShift;
+    if (!FaxStreamAt(start, from, fromShift) || !FaxStreamAt(bits, to, toShift) || to < from) return;
+    const uint64_t taken = uint64_t(to - from) * 8 + toShift - fromShift;
+    if (taken == 0 || taken > 0xFFFFFFFFu) return;
+    f.repeatFrom = from;
+    f.repeatShift = fromShift;
+    f.repeatBits = uint32_t(taken);
+    f.repeatCount = FaxClosedSize;
+}
+
+// Whether the stream's next bits are those of the kept row; if so they are
+// taken, and the stream left as decoding them would leave it: the row
+// ends on the same bit of a byte, and that byte is in hand.  The bits are
+// compared 56 at a time, and only where every load stays in the strip.
+bool FaxRepeatsLastRow(const FaxState &f, FaxBits &bits) {
+    const uint8_t *at;
+    uint32_t shift;
+    if (!FaxStreamAt(bits, at, shift)) return false;
+    // A row of compression 2 ends with the rest of its byte: the bits it
+    // takes depend on where in a byte it starts, as well as on its codes.
+    if (faxScheme == TiffCompressionCcittRle && shift != f.repeatShift) return false;
+    const uint64_t endBit = uint64_t(shift) + f.repeatBits;  // from the start of byte `at`
+    const uint8_t *const stripEnd = bits.cursor + bits.left;
+    if (uint64_t(stripEnd - at) < (endBit >> 3) + 8) return false;
+    const bool reversed = bits.byteMap[1] != 1;
+    uint32_t left = f.repeatBits;
+    const uint8_t *old = f.repeatFrom;
+    uint32_t oldShift = f.repeatShift;
+    const uint8_t *now = at;
+    uint32_t nowShift = shift;
+    while (left > 0) {
+        const uint32_t n = left < 56 ? left : 56;
+        const uint64_t a = FaxStripBits(old, oldShift, reversed) >> (64 - n);
+        const uint64_t b = FaxStripBits(now, nowShift, reversed) >> (64 - n);
+        if (a != b) return false;
+        old += (oldShift + n) >> 3;
+        oldShift = (oldShift + n) & 7;
+        now += (nowShift + n) >> 3;
+        nowShift = (nowShift + n) & 7;
+        left -= n;
+    }
+    const uint8_t *const end = at + (endBit >> 3) + ((endBit & 7) != 0);
+    bits.left -= int32_t(end - bits.cursor);
+    bits.cursor = end;
+    bits.position = int32_t(endBit & 7);
+    if (end > TiffImage.rawStart) bits.curByte = bits.byteMap[end[-1]];
+    return true;
+}
+
 int32_t FaxDecodeRowFrom(FaxBits &bits, uint8_t *row, bool twoDimensional) {
     FaxState &f = *faxState;
     const auto width = int32_t(f.rowPixels);
     if (f.curChanges != nullptr) {
         const FaxBits start = bits;
+        // Only where no row is two-dimensional: there a row's list is never
+        // swapped into the reference, and stays in curChanges.
+        const bool repeatable = !twoDimensional && faxScheme != TiffCompressionCcittG4 &&
+                                (TiffImage.group3Options & 1u) == 0;
+        if (repeatable && f.repeatFrom != nullptr && FaxRepeatsLastRow(f, bits)) {
+            FaxRenderChanges(row, f.rowBytes, f.curChanges, width, TiffImage.rowsZeroed, f.repeatCount);
+            return 1;
+        }
+        const uint32_t reportsBefore = faxReportCount;
         const int32_t result = twoDimensional ? FaxDecodeChanges2D(bits, f.refChanges, f.curChanges, width)
                                               : FaxDecodeChanges1D(bits, f.curChanges, width);
         if (result != FaxRowToBitmap) {
             FaxRenderChanges(row, f.rowBytes, f.curChanges, width, TiffImage.rowsZeroed, FaxClosedSize);
+            f.repeatFrom = nullptr;
+            if (repeatable && result == 1 && faxReportCount == reportsBefore) FaxKeepLastRow(f, start, bits);
             return result;
         }
         // Again from the row's start, into the bitmap against refLine.

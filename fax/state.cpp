@@ -116,6 +116,7 @@ int32_t FaxPrepareStrip() {
     faxState->refLineStale = 0;
     faxState->rowFromBitmap = 0;
     faxState->stallCursor = nullptr;
+    faxState->repeatFrom = nullptr;
     if (faxScheme != TiffCompressionCcittG3) return 1;
     FaxBits bits = LoadBits();
     FaxSkipToEol(bits, 0);

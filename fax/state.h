@@ -40,6 +40,15 @@ struct FaxState {
     int32_t stallPosition;
     uint32_t stallCurByte;
     uint32_t stall2D;
+    // The last row of a strip of one-dimensional rows alone, when it
+    // decoded to its end and made no report: a row whose bits are the same
+    // decodes to the same changes, which are still in curChanges, and takes
+    // as many bits.  Blank stretches and ruled boxes give most rows of a
+    // page so.  repeatFrom is null when no such row is known in this strip.
+    const uint8_t *repeatFrom;  // the byte its first bit is in
+    uint32_t repeatShift;       // bits of that byte before it, 0 to 7
+    uint32_t repeatBits;        // its bits, 1 or more
+    int32_t repeatCount;        // entries of its closed list, as FaxClosedSize
 };
 
 extern FaxState *faxState;  // null while no record exists
