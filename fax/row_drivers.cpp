@@ -58,51 +58,73 @@ inline uint64_t FaxStripBits(const uint8_t *at, uint32_t shift, bool reversed) {
     return (v << shift) & ~uint64_t(0xFF);
 }
 
-// Keeps the row just decoded from `start` to `bits` as the one a next row
-// may repeat, when both ends are states FaxStreamAt knows and the row took
-// a bit or more.
-void FaxKeepLastRow(FaxState &f, const FaxBits &start, const FaxBits &bits) {
-    const uint8_t *from, *to;
-    uint32_t fromShift, toShift;
-    if (!FaxStreamAt(start, from, fromShift) || !FaxStreamAt(bits, to, toShift) || to < from) return;
+// The bits a row took from `start` to `bits`, and the byte and bit its
+// first one is in; 0 when either end is a state FaxStreamAt does not know.
+uint64_t FaxBitsTaken(const FaxBits &start, const FaxBits &bits, const uint8_t *&from, uint32_t &fromShift) {
+    const uint8_t *to;
+    uint32_t toShift;
+    if (!FaxStreamAt(start, from, fromShift) || !FaxStreamAt(bits, to, toShift) || to < from) return 0;
     const uint64_t taken = uint64_t(to - from) * 8 + toShift - fromShift;
-    if (taken == 0 || taken > 0xFFFFFFFFu) return;
+    return taken <= 0xFFFFFFFFu ? taken : 0;
+}
+
+// Keeps the row just decoded from `start` to `bits` as the one a next row
+// may repeat, when it took a bit or more from states FaxStreamAt knows.
+void FaxKeepLastRow(FaxState &f, const FaxBits &start, const FaxBits &bits) {
+    const uint8_t *from;
+    uint32_t fromShift;
+    const uint64_t taken = FaxBitsTaken(start, bits, from, fromShift);
+    if (taken == 0) return;
     f.repeatFrom = from;
     f.repeatShift = fromShift;
     f.repeatBits = uint32_t(taken);
     f.repeatCount = FaxClosedSize;
 }
 
-// Whether the stream's next bits are those of the kept row; if so they are
-// taken, and the stream left as decoding them would leave it: the row
-// ends on the same bit of a byte, and that byte is in hand.  The bits are
-// compared 56 at a time, and only where every load stays in the strip.
-bool FaxRepeatsLastRow(const FaxState &f, FaxBits &bits) {
+// Notes the row just decoded as one that repeated its reference line, when
+// it took one bit more than it has changes before the width: only V0 codes
+// take one bit each, every other code takes more bits than it makes
+// changes, and a row of V0 codes alone is its reference line.
+void FaxKeepRepeatOfReference(FaxState &f, const FaxBits &start, const FaxBits &bits) {
+    const uint8_t *from;
+    uint32_t fromShift;
+    const uint64_t taken = FaxBitsTaken(start, bits, from, fromShift);
+    const int32_t size = FaxClosedSize;
+    const int32_t changes = size > 0 && f.curChanges[size - 1] >= int32_t(f.rowPixels) ? size - 1 : size;
+    if (taken == 0 || taken != uint64_t(changes) + 1) return;
+    f.repeatOnes = uint32_t(taken);
+    f.repeatCount = size;
+}
+
+// Whether the stream's next `count` bits are the bits from bit `oldShift`
+// of byte `old` on, or all 1 where `old` is null; if so they are taken, and
+// the stream left as decoding them would leave it: it ends on the same bit
+// of a byte, and that byte is in hand.  The bits are compared 56 at a time,
+// and only where every load stays in the strip.
+bool FaxTakeRepeatedBits(FaxBits &bits, uint32_t count, const uint8_t *old, uint32_t oldShift) {
     const uint8_t *at;
     uint32_t shift;
     if (!FaxStreamAt(bits, at, shift)) return false;
     // A row of compression 2 ends with the rest of its byte: the bits it
     // takes depend on where in a byte it starts, as well as on its codes.
-    if (faxScheme == TiffCompressionCcittRle && shift != f.repeatShift) return false;
-    const uint64_t endBit = uint64_t(shift) + f.repeatBits;  // from the start of byte `at`
+    if (faxScheme == TiffCompressionCcittRle && shift != oldShift) return false;
+    const uint64_t endBit = uint64_t(shift) + count;  // from the start of byte `at`
     const uint8_t *const stripEnd = bits.cursor + bits.left;
     if (uint64_t(stripEnd - at) < (endBit >> 3) + 8) return false;
     const bool reversed = bits.byteMap[1] != 1;
-    uint32_t left = f.repeatBits;
-    const uint8_t *old = f.repeatFrom;
-    uint32_t oldShift = f.repeatShift;
     const uint8_t *now = at;
     uint32_t nowShift = shift;
-    while (left > 0) {
-        const uint32_t n = left < 56 ? left : 56;
-        const uint64_t a = FaxStripBits(old, oldShift, reversed) >> (64 - n);
-        const uint64_t b = FaxStripBits(now, nowShift, reversed) >> (64 - n);
-        if (a != b) return false;
-        old += (oldShift + n) >> 3;
-        oldShift = (oldShift + n) & 7;
+    while (count > 0) {
+        const uint32_t n = count < 56 ? count : 56;
+        const uint64_t want = old != nullptr ? FaxStripBits(old, oldShift, reversed) : ~uint64_t(0);
+        if ((want ^ FaxStripBits(now, nowShift, reversed)) >> (64 - n) != 0) return false;
+        if (old != nullptr) {
+            old += (oldShift + n) >> 3;
+            oldShift = (oldShift + n) & 7;
+        }
         now += (nowShift + n) >> 3;
         nowShift = (nowShift + n) & 7;
-        left -= n;
+        count -= n;
     }
     const uint8_t *const end = at + (endBit >> 3) + ((endBit & 7) != 0);
     bits.left -= int32_t(end - bits.cursor);
@@ -121,17 +143,30 @@ int32_t FaxDecodeRowFrom(FaxBits &bits, uint8_t *row, bool twoDimensional) {
         // swapped into the reference, and stays in curChanges.
         const bool repeatable = !twoDimensional && faxScheme != TiffCompressionCcittG4 &&
                                 (TiffImage.group3Options & 1u) == 0;
-        if (repeatable && f.repeatFrom != nullptr && FaxRepeatsLastRow(f, bits)) {
+        if (repeatable && f.repeatFrom != nullptr && FaxTakeRepeatedBits(bits, f.repeatBits, f.repeatFrom, f.repeatShift)) {
             FaxRenderChanges(row, f.rowBytes, f.curChanges, width, TiffImage.rowsZeroed, f.repeatCount);
             return 1;
         }
+        const bool g4 = faxScheme == TiffCompressionCcittG4;
+        // A row of compression 4 that repeats its reference line, which
+        // repeated its own: curChanges still holds the list of that one,
+        // swapped out when the reference line was decoded, and so the
+        // reference's list, entry for entry.
+        if (g4 && f.repeatOnes != 0 && FaxTakeRepeatedBits(bits, f.repeatOnes, nullptr, 0)) {
+            FaxRenderChanges(row, f.rowBytes, f.curChanges, width, TiffImage.rowsZeroed, f.repeatCount);
+            return 1;
+        }
+        // Whatever this row is, the rows kept before no longer come right
+        // before the next one.
+        f.repeatFrom = nullptr;
+        f.repeatOnes = 0;
         const uint32_t reportsBefore = faxReportCount;
         const int32_t result = twoDimensional ? FaxDecodeChanges2D(bits, f.refChanges, f.curChanges, width)
                                               : FaxDecodeChanges1D(bits, f.curChanges, width);
         if (result != FaxRowToBitmap) {
             FaxRenderChanges(row, f.rowBytes, f.curChanges, width, TiffImage.rowsZeroed, FaxClosedSize);
-            f.repeatFrom = nullptr;
             if (repeatable && result == 1 && faxReportCount == reportsBefore) FaxKeepLastRow(f, start, bits);
+            if (g4 && result == 1 && faxReportCount == reportsBefore) FaxKeepRepeatOfReference(f, start, bits);
             return result;
         }
         // Again from the row's start, into the bitmap against refLine.

@@ -49,6 +49,10 @@ struct FaxState {
     uint32_t repeatShift;       // bits of that byte before it, 0 to 7
     uint32_t repeatBits;        // its bits, 1 or more
     int32_t repeatCount;        // entries of its closed list, as FaxClosedSize
+    // Under compression 4: the last row repeated its reference line, and
+    // took repeatOnes bits, each a V0 code (a 1 bit).  A row of as many 1
+    // bits repeats it in turn.  0 when the last row did not.
+    uint32_t repeatOnes;
 };
 
 extern FaxState *faxState;  // null while no record exists
