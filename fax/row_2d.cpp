@@ -265,8 +265,10 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges2DLocal(Fax
     // ended (result set), FaxRowToBitmap when a1 went back before a0.
     auto vertical = [&](int32_t d) __attribute__((always_inline)) -> int32_t {
         int32_t a1 = *b1 + d;
-        if (a1 < a0) return FaxRowToBitmap;
-        if (a1 >= width) [[unlikely]] {
+        // One test for both rare cases: a1 before a0, or at the width or
+        // beyond (the difference wraps for the first).
+        if (uint32_t(a1 - a0) >= uint32_t(width - a0)) [[unlikely]] {
+            if (a1 < a0) return FaxRowToBitmap;
             a1 = width;  // up to three pixels behind: never written
             end = FaxPushChange(end, a1);
             a0 = a1;
