@@ -68,36 +68,38 @@ uint64_t FaxBitsTaken(const FaxBits &start, const FaxBits &bits, const uint8_t *
     return taken <= 0xFFFFFFFFu ? taken : 0;
 }
 
+// Whether the two-dimensional row just decoded, which took `taken` bits,
+// repeated its reference line.  It did when its codes were all V0 (a 1 bit
+// each, one per change before the width and one for the width); every
+// other code takes more bits than it makes changes.  Under compression 4
+// the bits tell that alone.  Under compression 3 they hold the row's EOL
+// too, so the lists are compared, where the bits leave room for V0 codes
+// alone and an EOL with a little fill.
+bool FaxRepeatedReference(const FaxState &f, uint64_t taken) {
+    const int32_t count = FaxClosedSize;
+    const int32_t changes = count > 0 && f.curChanges[count - 1] >= int32_t(f.rowPixels) ? count - 1 : count;
+    const uint64_t codes = uint64_t(changes) + 1;
+    if (faxScheme == TiffCompressionCcittG4) return taken == codes;
+    return taken >= codes && taken - codes <= 32 &&
+           std::memcmp(f.curChanges, f.refChanges, (size_t(count) + 1) * sizeof(int32_t)) == 0;
+}
+
 // Keeps the row just decoded from `start` to `bits` as the one a next row
-// may repeat, when it took a bit or more from states FaxStreamAt knows.
-void FaxKeepLastRow(FaxState &f, const FaxBits &start, const FaxBits &bits) {
+// may repeat, when it took a bit or more from states FaxStreamAt knows
+// and, if two-dimensional, repeated its reference line.
+void FaxKeepLastRow(FaxState &f, const FaxBits &start, const FaxBits &bits, bool twoDimensional) {
     const uint8_t *from;
     uint32_t fromShift;
     const uint64_t taken = FaxBitsTaken(start, bits, from, fromShift);
-    if (taken == 0) return;
+    if (taken == 0 || (twoDimensional && !FaxRepeatedReference(f, taken))) return;
     f.repeatFrom = from;
     f.repeatShift = fromShift;
     f.repeatBits = uint32_t(taken);
     f.repeatCount = FaxClosedSize;
 }
 
-// Notes the row just decoded as one that repeated its reference line, when
-// it took one bit more than it has changes before the width: only V0 codes
-// take one bit each, every other code takes more bits than it makes
-// changes, and a row of V0 codes alone is its reference line.
-void FaxKeepRepeatOfReference(FaxState &f, const FaxBits &start, const FaxBits &bits) {
-    const uint8_t *from;
-    uint32_t fromShift;
-    const uint64_t taken = FaxBitsTaken(start, bits, from, fromShift);
-    const int32_t size = FaxClosedSize;
-    const int32_t changes = size > 0 && f.curChanges[size - 1] >= int32_t(f.rowPixels) ? size - 1 : size;
-    if (taken == 0 || taken != uint64_t(changes) + 1) return;
-    f.repeatOnes = uint32_t(taken);
-    f.repeatCount = size;
-}
-
 // Whether the stream's next `count` bits are the bits from bit `oldShift`
-// of byte `old` on, or all 1 where `old` is null; if so they are taken, and
+// of byte `old` on (those of the kept row); if so they are taken, and
 // the stream left as decoding them would leave it: it ends on the same bit
 // of a byte, and that byte is in hand.  The bits are compared 56 at a time,
 // and only where every load stays in the strip.
@@ -116,12 +118,10 @@ bool FaxTakeRepeatedBits(FaxBits &bits, uint32_t count, const uint8_t *old, uint
     uint32_t nowShift = shift;
     while (count > 0) {
         const uint32_t n = count < 56 ? count : 56;
-        const uint64_t want = old != nullptr ? FaxStripBits(old, oldShift, reversed) : ~uint64_t(0);
-        if ((want ^ FaxStripBits(now, nowShift, reversed)) >> (64 - n) != 0) return false;
-        if (old != nullptr) {
-            old += (oldShift + n) >> 3;
-            oldShift = (oldShift + n) & 7;
-        }
+        if ((FaxStripBits(old, oldShift, reversed) ^ FaxStripBits(now, nowShift, reversed)) >> (64 - n) != 0)
+            return false;
+        old += (oldShift + n) >> 3;
+        oldShift = (oldShift + n) & 7;
         now += (nowShift + n) >> 3;
         nowShift = (nowShift + n) & 7;
         count -= n;
@@ -139,34 +139,26 @@ int32_t FaxDecodeRowFrom(FaxBits &bits, uint8_t *row, bool twoDimensional) {
     const auto width = int32_t(f.rowPixels);
     if (f.curChanges != nullptr) {
         const FaxBits start = bits;
-        // Only where no row is two-dimensional: there a row's list is never
-        // swapped into the reference, and stays in curChanges.
-        const bool repeatable = !twoDimensional && faxScheme != TiffCompressionCcittG4 &&
-                                (TiffImage.group3Options & 1u) == 0;
-        if (repeatable && f.repeatFrom != nullptr && FaxTakeRepeatedBits(bits, f.repeatBits, f.repeatFrom, f.repeatShift)) {
+        // One-dimensional rows repeat each other only where no row is
+        // two-dimensional.  So a kept row is of the kind of the row after
+        // it: where both kinds come, the one-dimensional rows are not kept.
+        const bool repeatable =
+            twoDimensional || (faxScheme != TiffCompressionCcittG4 && (TiffImage.group3Options & 1u) == 0);
+        if (repeatable && f.repeatFrom != nullptr &&
+            FaxTakeRepeatedBits(bits, f.repeatBits, f.repeatFrom, f.repeatShift)) {
             FaxRenderChanges(row, f.rowBytes, f.curChanges, width, TiffImage.rowsZeroed, f.repeatCount);
             return 1;
         }
-        const bool g4 = faxScheme == TiffCompressionCcittG4;
-        // A row of compression 4 that repeats its reference line, which
-        // repeated its own: curChanges still holds the list of that one,
-        // swapped out when the reference line was decoded, and so the
-        // reference's list, entry for entry.
-        if (g4 && f.repeatOnes != 0 && FaxTakeRepeatedBits(bits, f.repeatOnes, nullptr, 0)) {
-            FaxRenderChanges(row, f.rowBytes, f.curChanges, width, TiffImage.rowsZeroed, f.repeatCount);
-            return 1;
-        }
-        // Whatever this row is, the rows kept before no longer come right
+        // Whatever this row is, the row kept before no longer comes right
         // before the next one.
         f.repeatFrom = nullptr;
-        f.repeatOnes = 0;
         const uint32_t reportsBefore = faxReportCount;
         const int32_t result = twoDimensional ? FaxDecodeChanges2D(bits, f.refChanges, f.curChanges, width)
                                               : FaxDecodeChanges1D(bits, f.curChanges, width);
         if (result != FaxRowToBitmap) {
             FaxRenderChanges(row, f.rowBytes, f.curChanges, width, TiffImage.rowsZeroed, FaxClosedSize);
-            if (repeatable && result == 1 && faxReportCount == reportsBefore) FaxKeepLastRow(f, start, bits);
-            if (g4 && result == 1 && faxReportCount == reportsBefore) FaxKeepRepeatOfReference(f, start, bits);
+            if (repeatable && result == 1 && faxReportCount == reportsBefore)
+                FaxKeepLastRow(f, start, bits, twoDimensional);
             return result;
         }
         // Again from the row's start, into the bitmap against refLine.

@@ -117,7 +117,6 @@ int32_t FaxPrepareStrip() {
     faxState->rowFromBitmap = 0;
     faxState->stallCursor = nullptr;
     faxState->repeatFrom = nullptr;
-    faxState->repeatOnes = 0;
     if (faxScheme != TiffCompressionCcittG3) return 1;
     FaxBits bits = LoadBits();
     FaxSkipToEol(bits, 0);

@@ -40,19 +40,18 @@ struct FaxState {
     int32_t stallPosition;
     uint32_t stallCurByte;
     uint32_t stall2D;
-    // The last row of a strip of one-dimensional rows alone, when it
-    // decoded to its end and made no report: a row whose bits are the same
-    // decodes to the same changes, which are still in curChanges, and takes
-    // as many bits.  Blank stretches and ruled boxes give most rows of a
-    // page so.  repeatFrom is null when no such row is known in this strip.
+    // The last row, kept when a next row whose bits are the same decodes to
+    // the same changes, which are still in curChanges: a one-dimensional
+    // row of a strip of such rows alone (whose list is never swapped into
+    // the reference), or a two-dimensional row that repeated its reference
+    // line (the list swapped out for it is that line's, entry for entry).
+    // It decoded to its end and made no report.  Blank stretches and ruled
+    // boxes give most rows of a page so.  repeatFrom is null when no row
+    // is kept.
     const uint8_t *repeatFrom;  // the byte its first bit is in
     uint32_t repeatShift;       // bits of that byte before it, 0 to 7
     uint32_t repeatBits;        // its bits, 1 or more
     int32_t repeatCount;        // entries of its closed list, as FaxClosedSize
-    // Under compression 4: the last row repeated its reference line, and
-    // took repeatOnes bits, each a V0 code (a 1 bit).  A row of as many 1
-    // bits repeats it in turn.  0 when the last row did not.
-    uint32_t repeatOnes;
 };
 
 extern FaxState *faxState;  // null while no record exists
