@@ -30,10 +30,11 @@ extern const std::array<uint16_t, FaxModeRows * 256> FaxModeTable;
 extern const std::array<uint16_t, FaxUncompressedRows * 256> FaxUncompressedTable;
 
 // Look-up tables of the fast path, built from the same code words: run
-// codes by colour (0 white, 1 black) in the next 8 bits, and the longer
-// ones in the next 13; mode codes of up to 7 bits in the next 7.  A run
-// entry is run * 16 + bits, a mode entry action * 8 + bits; 0 where the
-// state tables must decide.
+// codes by colour (0 white, 1 black) of up to 8 bits in the next 8, and
+// every run code in the next 13 (one look-up for a code of any length,
+// where the dark pages' long black codes are many); mode codes of up to 7
+// bits in the next 7.  A run entry is run * 16 + bits, a mode entry action
+// * 8 + bits; 0 where the state tables must decide.
 extern const std::array<uint16_t, 2 * 256> FaxRunFirst;
 extern const std::array<uint16_t, 2 * 8192> FaxRunLong;
 extern const std::array<uint8_t, 128> FaxModeFirst;

@@ -275,7 +275,7 @@ constexpr std::array<uint16_t, 2 * 8192> BuildRunLong() {
     for (uint32_t colour = 0; colour < 2; ++colour)
         for (const Code &code : RunCodes(colour != 0)) {
             const auto len = uint32_t(code.bits.size());
-            if (code.action < FaxRunTerm || len <= 8) continue;
+            if (code.action < FaxRunTerm) continue;
             uint32_t prefix = 0;
             for (char c : code.bits) prefix = (prefix << 1) | uint32_t(c == '1');
             for (uint32_t i = 0; i < (1u << (13 - len)); ++i)

@@ -165,15 +165,13 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges1DLocal(Fax
             const uint32_t whiteBits = lone & 15u;
             if (whiteBits != 0 && (lone >> 4) < 64) {
                 const uint64_t rest = w.acc << whiteBits;
-                uint32_t black = FaxRunFirst[256 + (rest >> 56)];
-                if ((black & 15u) == 0) black = FaxRunLong[8192 + (rest >> 51)];
+                const uint32_t black = FaxRunLong[8192 + (rest >> 51)];
                 uint32_t n = whiteBits + (black & 15u);
                 uint32_t run = black >> 4;
                 bool known = (black & 15u) != 0;
                 if (known && run >= 64) {
                     const uint64_t after = rest << (black & 15u);
-                    uint32_t term = FaxRunFirst[256 + (after >> 56)];
-                    if ((term & 15u) == 0) term = FaxRunLong[8192 + (after >> 51)];
+                    const uint32_t term = FaxRunLong[8192 + (after >> 51)];
                     known = (term & 15u) != 0 && (term >> 4) < 64;
                     n += term & 15u;
                     run += term >> 4;
