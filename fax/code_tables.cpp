@@ -32,4 +32,4 @@ constexpr std::array<uint16_t, 2 * 256> FaxRunFirst = faxcodes::BuildRunFirst();
 constexpr std::array<uint16_t, 2 * 8192> FaxRunLong = faxcodes::BuildRunLong();
 constexpr std::array<uint8_t, 128> FaxModeFirst = faxcodes::BuildModeFirst();
 constexpr std::array<uint16_t, 2 * 4096> FaxPairFirst = faxcodes::BuildPairFirst();
-constexpr std::array<uint16_t, 256> FaxVerticalPair = faxcodes::BuildVerticalPair();
+constexpr std::array<uint16_t, 256> FaxModePair = faxcodes::BuildModePair();

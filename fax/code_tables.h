@@ -42,9 +42,12 @@ extern const std::array<uint8_t, 128> FaxModeFirst;
 // bits, white first (entries 0..4095) or black first (4096..): first * 16 +
 // second * 1024 + bits; 0 where they don't fit.
 extern const std::array<uint16_t, 2 * 4096> FaxPairFirst;
-// Two vertical codes in the next 8 bits: (d1 + 3) + bits1 * 8 + (d2 + 3) *
-// 64 + bits2 * 512; 0 where the next bits don't begin with two.
-extern const std::array<uint16_t, 256> FaxVerticalPair;
+// The mode codes that begin the next 8 bits: two vertical codes, (d1 + 3)
+// + bits1 * 8 + (d2 + 3) * 64 + bits2 * 512; one vertical code not followed
+// by another in the 8 bits, the same with bits2 0; a pass or horizontal
+// code, 7 + bits * 8 + action * 64.  0 where no code of 8 bits or fewer
+// begins them.
+extern const std::array<uint16_t, 256> FaxModePair;
 
 // FaxRunTable actions.
 constexpr uint32_t FaxRunNone = 0;      // no code word completed in this byte

@@ -329,18 +329,29 @@ constexpr std::array<uint16_t, 2 * 4096> BuildPairFirst() {
 
 namespace faxcodes {
 
-// Two vertical codes in the next 8 bits: (d1 + 3) + bits1 * 8 + (d2 + 3) *
-// 64 + bits2 * 512; 0 where the next bits don't begin with two.
-constexpr std::array<uint16_t, 256> BuildVerticalPair() {
+// The mode codes that begin the next 8 bits (code_tables.h).
+constexpr std::array<uint16_t, 256> BuildModePair() {
     std::array<uint16_t, 256> table{};
+    auto prefixOf = [](const Code &code) {
+        uint32_t prefix = 0;
+        for (char c : code.bits) prefix = (prefix << 1) | uint32_t(c == '1');
+        return prefix;
+    };
+    // A pass or horizontal code, and a vertical code alone (whatever
+    // follows it), first; two vertical codes over them.
+    for (const Code &a : ModeCodes) {
+        const auto len = uint32_t(a.bits.size());
+        if (a.action > 9 || len > 8) continue;
+        const bool vertical = a.action >= 3;
+        const uint32_t entry = vertical ? (a.action - 3) | (len << 3) : 7u | (len << 3) | (a.action << 6);
+        for (uint32_t i = 0; i < (1u << (8 - len)); ++i) table[(prefixOf(a) << (8 - len)) + i] = uint16_t(entry);
+    }
     for (const Code &a : ModeCodes)
         for (const Code &b : ModeCodes) {
             if (a.action < 3 || a.action > 9 || b.action < 3 || b.action > 9) continue;
             const auto len = uint32_t(a.bits.size() + b.bits.size());
             if (len > 8) continue;
-            uint32_t prefix = 0;
-            for (char c : a.bits) prefix = (prefix << 1) | uint32_t(c == '1');
-            for (char c : b.bits) prefix = (prefix << 1) | uint32_t(c == '1');
+            const uint32_t prefix = (prefixOf(a) << b.bits.size()) | prefixOf(b);
             for (uint32_t i = 0; i < (1u << (8 - len)); ++i)
                 table[(prefix << (8 - len)) + i] =
                     uint16_t((a.action - 3) | (a.bits.size() << 3) | ((b.action - 3) << 6) | (b.bits.size() << 9));

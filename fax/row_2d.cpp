@@ -296,23 +296,29 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges2DLocal(Fax
         uint32_t action = 0;
         if (w.on) {
             if (w.nb < 32) FaxWindowFill(w, bits);
-            // Two vertical codes in the next 8 bits, the commonest case of
-            // text, by one look-up: the second is taken only if the first
-            // leaves the row going on.
-            const uint32_t two = FaxVerticalPair[w.acc >> 56];
+            // The mode codes that begin the next 8 bits, by one look-up:
+            // two vertical codes, the commonest case of text (the second is
+            // taken only if the first leaves the row going on), or one, or
+            // a pass or horizontal code; the mode table decides the rest.
+            const uint32_t two = FaxModePair[w.acc >> 56];
             const uint32_t bits1 = (two >> 3) & 7u, bits2 = two >> 9;
             if (two != 0 && int32_t(bits1 + bits2) <= w.nb) {
                 FaxWindowTake(w, bits1);
-                int32_t step = vertical(int32_t(two & 7u) - 3);
-                if (step == 0) {
-                    FaxWindowTake(w, bits2);
-                    step = vertical(int32_t((two >> 6) & 7u) - 3);
+                if ((two & 7u) == 7u) {
+                    action = (two >> 6) & 7u;  // a pass or horizontal code
+                } else {
+                    int32_t step = vertical(int32_t(two & 7u) - 3);
+                    if (step == 0 && bits2 != 0) {
+                        FaxWindowTake(w, bits2);
+                        step = vertical(int32_t((two >> 6) & 7u) - 3);
+                    }
+                    if (step == 0) continue;
+                    if (step == 1) break;
+                    return FaxRowToBitmap;
                 }
-                if (step == 0) continue;
-                if (step == 1) break;
-                return FaxRowToBitmap;
+            } else {
+                action = FaxWindowModeCode(w);
             }
-            action = FaxWindowModeCode(w);
         }
         if (action == 0) {
             FaxWindowSync(w, bits);
