@@ -31,5 +31,5 @@ constexpr std::array<uint8_t, 256> FaxLeadingZeros = LeadingBits(false);
 constexpr std::array<uint16_t, 2 * 256> FaxRunFirst = faxcodes::BuildRunFirst();
 constexpr std::array<uint16_t, 2 * 8192> FaxRunLong = faxcodes::BuildRunLong();
 constexpr std::array<uint8_t, 128> FaxModeFirst = faxcodes::BuildModeFirst();
-constexpr std::array<uint16_t, 2 * 4096> FaxPairFirst = faxcodes::BuildPairFirst();
+constexpr std::array<uint16_t, 2 * FaxPairEntries> FaxPairFirst = faxcodes::BuildPairFirst();
 constexpr std::array<uint16_t, 256> FaxModePair = faxcodes::BuildModePair();

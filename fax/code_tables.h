@@ -38,10 +38,16 @@ extern const std::array<uint16_t, FaxUncompressedRows * 256> FaxUncompressedTabl
 extern const std::array<uint16_t, 2 * 256> FaxRunFirst;
 extern const std::array<uint16_t, 2 * 8192> FaxRunLong;
 extern const std::array<uint8_t, 128> FaxModeFirst;
-// Two runs of opposite colours, both terminating codes, in the next 12
-// bits, white first (entries 0..4095) or black first (4096..): first * 16 +
-// second * 1024 + bits; 0 where they don't fit.
-extern const std::array<uint16_t, 2 * 4096> FaxPairFirst;
+// Two runs of opposite colours, both terminating codes, in the next
+// FaxPairBits bits, white first (entries 0 .. FaxPairEntries - 1) or black
+// first (FaxPairEntries ..): first * 16 + second * 1024 + bits; 0 where
+// they don't fit.  15 bits, the most the entry's 4 bits of length hold,
+// take most pairs of a dark page too: a short white code and a black code
+// of up to 10 or 11 bits (64 KB a colour).
+constexpr uint32_t FaxPairBits = 15;
+constexpr uint32_t FaxPairEntries = 1u << FaxPairBits;
+static_assert(FaxPairBits <= 15, "a pair entry keeps the pair's length in 4 bits");
+extern const std::array<uint16_t, 2 * FaxPairEntries> FaxPairFirst;
 // The mode codes that begin the next 8 bits: two vertical codes, (d1 + 3)
 // + bits1 * 8 + (d2 + 3) * 64 + bits2 * 512; one vertical code not followed
 // by another in the 8 bits, the same with bits2 0; a pass or horizontal

@@ -304,23 +304,23 @@ constexpr std::array<uint8_t, 128> BuildModeFirst() {
 namespace faxcodes {
 
 // Two terminating codes of runs of opposite colours, white first in the
-// first 4096 entries and black first in the others, in the next 12 bits:
-// first run * 16 + second run * 1024 + the bits of both; 0 where the two
-// don't fit.
-constexpr std::array<uint16_t, 2 * 4096> BuildPairFirst() {
-    std::array<uint16_t, 2 * 4096> table{};
+// first FaxPairEntries entries and black first in the others, in the next
+// FaxPairBits bits: first run * 16 + second run * 1024 + the bits of both;
+// 0 where the two don't fit.
+constexpr std::array<uint16_t, 2 * FaxPairEntries> BuildPairFirst() {
+    std::array<uint16_t, 2 * FaxPairEntries> table{};
     for (uint32_t blackFirst = 0; blackFirst < 2; ++blackFirst)
         for (uint32_t first = 0; first < 64; ++first)
             for (uint32_t second = 0; second < 64; ++second) {
                 const std::string_view a = blackFirst ? BlackTerminating[first] : WhiteTerminating[first];
                 const std::string_view b = blackFirst ? WhiteTerminating[second] : BlackTerminating[second];
                 const auto len = uint32_t(a.size() + b.size());
-                if (len > 12) continue;
+                if (len > FaxPairBits) continue;
                 uint32_t prefix = 0;
                 for (char c : a) prefix = (prefix << 1) | uint32_t(c == '1');
                 for (char c : b) prefix = (prefix << 1) | uint32_t(c == '1');
-                for (uint32_t i = 0; i < (1u << (12 - len)); ++i)
-                    table[blackFirst * 4096 + (prefix << (12 - len)) + i] = uint16_t((second << 10) | (first << 4) | len);
+                for (uint32_t i = 0; i < (1u << (FaxPairBits - len)); ++i)
+                    table[blackFirst * FaxPairEntries + (prefix << (FaxPairBits - len)) + i] = uint16_t((second << 10) | (first << 4) | len);
             }
     return table;
 }

@@ -115,7 +115,7 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges1DLocal(Fax
         // inside the row; else one run at a time.
         if (w.on) {
             if (w.nb < 32) FaxWindowFill(w, bits);
-            const uint32_t pair = FaxPairFirst[w.acc >> 52];
+            const uint32_t pair = FaxPairFirst[w.acc >> (64 - FaxPairBits)];
             const int32_t white = int32_t(pair >> 4) & 63, black = int32_t(pair >> 10);
             if (pair != 0 && int32_t(pair & 15u) <= w.nb && white + black < width - pos) {
                 FaxWindowTake(w, pair & 15u);
@@ -134,7 +134,7 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges1DLocal(Fax
                 const uint32_t n = makeup & 15u;
                 const uint32_t more = makeup >> 4;
                 if (n != 0 && more >= 64) {
-                    const uint32_t after = FaxPairFirst[(w.acc << n) >> 52];
+                    const uint32_t after = FaxPairFirst[(w.acc << n) >> (64 - FaxPairBits)];
                     const int32_t whole = int32_t(more) + (int32_t(after >> 4) & 63);
                     const int32_t next = int32_t(after >> 10);
                     if (after != 0 && int32_t(n + (after & 15u)) <= w.nb && whole + next < width - pos) {

@@ -341,7 +341,7 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges2DLocal(Fax
             uint32_t pair = 0;
             if (w.on) {
                 if (w.nb < 32) FaxWindowFill(w, bits);
-                pair = FaxPairFirst[uint32_t(colour) * 4096 + uint32_t(w.acc >> 52)];
+                pair = FaxPairFirst[uint32_t(colour) * FaxPairEntries + uint32_t(w.acc >> (64 - FaxPairBits))];
                 if (int32_t(pair & 15u) > w.nb) pair = 0;
             }
             // A white run of 64 pixels or more, as a strip's first row of
@@ -354,7 +354,7 @@ static inline __attribute__((always_inline)) int32_t FaxDecodeChanges2DLocal(Fax
                 if ((makeup & 15u) == 0) makeup = FaxRunLong[w.acc >> 51];
                 const uint32_t n = makeup & 15u;
                 if (n != 0 && (makeup >> 4) >= 64) {
-                    const uint32_t after = FaxPairFirst[(w.acc << n) >> 52];
+                    const uint32_t after = FaxPairFirst[(w.acc << n) >> (64 - FaxPairBits)];
                     if (after != 0 && int32_t(n + (after & 15u)) <= w.nb) {
                         pair = after;
                         makeupBits = n;
