@@ -2,9 +2,9 @@
 // a strip decoded one- or two-dimensionally as its compression and tag bit
 // say, through a list of changes where the record has them, else into the
 // bitmap; the reference line moved on after it; the rows that follow in a
-// strip decoded in one loop with the stream in registers; and, among rows
-// that are all one-dimensional, a row whose bits repeat the row before
-// given that row's changes without decoding it again.
+// strip decoded in one loop with the stream in registers; and a row whose
+// bits repeat those of the row before, where that row's changes are sure to
+// be this one's too, given them without being decoded again.
 #include "fax/fax.h"
 
 #include <cstring>
