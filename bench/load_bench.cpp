@@ -96,13 +96,25 @@ void CountChanges(Page &page) {
     }
 }
 
+// A white page of the size of `like`, to draw a page of the benchmark on.
+Page BlankPage(const Page &like, const char *name, const char *codings) {
+    Page page = like;
+    page.name = name;
+    page.codings = codings;
+    std::fill(page.rows.begin(), page.rows.end(), 0);
+    return page;
+}
+
+bool IsBlack(const Page &page, uint32_t x, uint32_t y) {
+    return (page.rows[size_t(y) * page.line + x / 8] & (0x80 >> (x % 8))) != 0;
+}
+
+void SetBlack(Page &page, uint32_t x, uint32_t y) { page.rows[size_t(y) * page.line + x / 8] |= uint8_t(0x80 >> (x % 8)); }
+
 // A form: a frame, bands of cells ruled by lines, and in every other cell
 // the text of the same place on the text page, its first 48 rows.
 Page MakeForm(const Page &text) {
-    Page form = text;
-    form.name = "a4-form";
-    std::fill(form.rows.begin(), form.rows.end(), 0);
-    auto set = [&](uint32_t x, uint32_t y) { form.rows[size_t(y) * form.line + x / 8] |= uint8_t(0x80 >> (x % 8)); };
+    Page form = BlankPage(text, "a4-form", "");
     const uint32_t left = 150, right = form.width - 150, top = 200, bottom = form.height - 200, band = 140;
     for (uint32_t y = top; y < bottom; ++y)
         for (uint32_t x = left; x < right; ++x) {
@@ -111,13 +123,12 @@ Page MakeForm(const Page &text) {
             const uint32_t cell = (x - left) * 4 / (right - left);
             const bool divider = x == left + (right - left) * cell / 4 || x == left + (right - left) * cell / 4 + 1;
             if (frame || rule || divider) {
-                set(x, y);
+                SetBlack(form, x, y);
                 continue;
             }
             const uint32_t inBand = (y - top) % band;
-            if ((cell + (y - top) / band) % 2 == 0 && inBand > 70 && inBand < 70 + 48 &&
-                (text.rows[size_t(y) * text.line + x / 8] & (0x80 >> (x % 8))))
-                set(x, y);
+            if ((cell + (y - top) / band) % 2 == 0 && inBand > 70 && inBand < 70 + 48 && IsBlack(text, x, y))
+                SetBlack(form, x, y);
         }
     CountChanges(form);
     return form;
@@ -139,11 +150,7 @@ Page Inverted(const Page &page, const char *name) {
 // A second form: wide white margins, ruled boxes of two sizes, a few lines
 // of the text page in some boxes.
 Page MakeSecondForm(const Page &text) {
-    Page form = text;
-    form.name = "a4-form2";
-    form.codings = "lzw,packbits,g4";
-    std::fill(form.rows.begin(), form.rows.end(), 0);
-    auto set = [&](uint32_t x, uint32_t y) { form.rows[size_t(y) * form.line + x / 8] |= uint8_t(0x80 >> (x % 8)); };
+    Page form = BlankPage(text, "a4-form2", "lzw,packbits,g4");
     const uint32_t left = 400, right = form.width - 400, top = 500, bottom = form.height - 600;
     for (uint32_t y = top; y < bottom; ++y) {
         const uint32_t rowHeight = (y - top) < 1200 ? 100 : 240, inRow = (y - top) % rowHeight;
@@ -151,10 +158,9 @@ Page MakeSecondForm(const Page &text) {
         for (uint32_t x = left; x < right; ++x) {
             const uint32_t boxWidth = (right - left) / boxes, inBox = (x - left) % boxWidth;
             if (inRow < 2 || inBox < 2 || x >= right - 2 || y >= bottom - 2) {
-                set(x, y);
-            } else if (inRow > 30 && inRow < 78 && inBox > 20 && (x - left) / boxWidth == 0 &&
-                       (text.rows[size_t(y) * text.line + x / 8] & (0x80 >> (x % 8)))) {
-                set(x, y);
+                SetBlack(form, x, y);
+            } else if (inRow > 30 && inRow < 78 && inBox > 20 && (x - left) / boxWidth == 0 && IsBlack(text, x, y)) {
+                SetBlack(form, x, y);
             }
         }
     }
@@ -166,10 +172,7 @@ Page MakeSecondForm(const Page &text) {
 // by Floyd-Steinberg error diffusion, as pgmtopbm -floyd does, so that runs
 // stay short and a row has hundreds of changes.
 Page MakeDithered(const Page &text) {
-    Page page = text;
-    page.name = "a4-dither";
-    page.codings = "g4,lzw";
-    std::fill(page.rows.begin(), page.rows.end(), 0);
+    Page page = BlankPage(text, "a4-dither", "g4,lzw");
     std::vector<float> error(size_t(page.width) + 2, 0.0f), next(size_t(page.width) + 2, 0.0f);
     for (uint32_t y = 0; y < page.height; ++y) {
         std::fill(next.begin(), next.end(), 0.0f);
@@ -179,7 +182,7 @@ Page MakeDithered(const Page &text) {
                                 0.2 * double(x) / page.width - 0.15 * double(y) / page.height;
             const float want = float(std::clamp(grey, 0.0, 1.0)) + error[x + 1];  // 1 white
             const float got = want < 0.5f ? 0.0f : 1.0f;
-            if (got == 0.0f) page.rows[size_t(y) * page.line + x / 8] |= uint8_t(0x80 >> (x % 8));
+            if (got == 0.0f) SetBlack(page, x, y);
             const float e = want - got;
             error[x + 2] += e * 7 / 16;
             next[x] += e * 3 / 16;
