@@ -58,14 +58,12 @@ inline int32_t *FaxPushChange(int32_t *end, int32_t x) {
     return end + 1;
 }
 
-
+// The entries of the list closed last, for the writer of its row.
+inline int32_t FaxClosedSize = 0;
 
 // Closes a row that stopped at pixel x: a black span left open ends there,
 // as the bitmap decoder writes black pixels only up to a0.  Then the
 // sentinels.  x is at or behind the last change and at most width.
-// The changes of the list closed last, for the writer of its row.
-inline int32_t FaxClosedSize = 0;
-
 inline void FaxCloseChanges(int32_t *end, const int32_t *begin, int32_t x, int32_t width) {
     if ((end - begin) & 1) end = FaxPushChange(end, x);
     for (uint32_t i = 0; i < FaxChangesSentinels; ++i) end[i] = width;
@@ -81,13 +79,6 @@ inline void FaxStore64(uint8_t *p, uint64_t word) {
     std::memcpy(p, &word, 8);
 }
 
-// Writes all rowBytes bytes of row from a closed list: the black spans, 0
-// elsewhere.  The row is cleared, unless the caller knows that it holds
-// zeros; then the pixels of each 64-pixel word are gathered in a register
-// and the word is stored again after each span that reaches it: words are
-// only written, never read back, so that no load waits for a store.  The
-// bytes behind the last whole word are gathered in the same way and copied
-// at the end.
 // The spans of a list of many changes, written into a cleared row by
 // parity: each change toggles its pixel, and a running XOR over the row,
 // within each 64-pixel word by shifts and from word to word by a carry,
@@ -132,6 +123,13 @@ inline void FaxRenderByParity(uint8_t *row, uint32_t rowBytes, const int32_t *ch
     }
 }
 
+// Writes all rowBytes bytes of row from a closed list: the black spans, 0
+// elsewhere.  The row is cleared, unless the caller knows that it holds
+// zeros; then the pixels of each 64-pixel word are gathered in a register
+// and the word is stored again after each span that reaches it: words are
+// only written, never read back, so that no load waits for a store.  The
+// bytes behind the last whole word are gathered in the same way and copied
+// at the end.
 inline void FaxRenderChanges(uint8_t *row, uint32_t rowBytes, const int32_t *changes, int32_t width,
                              bool cleared = false, int32_t count = 0) {
     const uint32_t whole = rowBytes >> 3;

@@ -103,6 +103,15 @@ __attribute__((noinline)) void CopyPieces(uint8_t *out, const LzwEntry *e, const
     }
 }
 
+// Copies bytes [from, from + n) of the string of an entry that stands
+// somewhere: whole at `where`, or in pieces.
+inline void CopyStanding(uint8_t *out, const LzwEntry *e, const LzwEntry *table, uint32_t from, uint32_t n) {
+    if (e->where != nullptr)
+        CopySpan(out, e->where + from, n);
+    else
+        CopyPieces(out, e, table, from, n);
+}
+
 // Writes bytes [from, from + n) of the string of `e` to `out`; false when
 // its chain ends early, which no table built here gives.
 //
@@ -118,10 +127,7 @@ inline bool WritePart(LzwEntry *table, LzwEntry *e, uint32_t from, uint32_t n, u
     const uint32_t stop = from + n;
     if (e->where != nullptr || e->head != 0) {
         const uint32_t copied = fresh && stop == e->length ? n - 1 : n;
-        if (e->where != nullptr)
-            CopySpan(out, e->where + from, copied);
-        else
-            CopyPieces(out, e, table, from, copied);
+        CopyStanding(out, e, table, from, copied);
         if (copied < n) out[n - 1] = e->value;
         return true;
     }
@@ -133,10 +139,7 @@ inline bool WritePart(LzwEntry *table, LzwEntry *e, uint32_t from, uint32_t n, u
         if (length <= from) return false;  // the chain's lengths do not step down one by one
         if (link->where != nullptr || link->head != 0) {
             const uint32_t end = length < low ? length : low;
-            if (end > from && link->where != nullptr)
-                CopySpan(out, link->where + from, end - from);
-            else if (end > from)
-                CopyPieces(out, link, table, from, end - from);
+            if (end > from) CopyStanding(out, link, table, from, end - from);
             low = from;
             break;
         }
